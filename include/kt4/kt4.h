@@ -1,0 +1,13 @@
+/*
+ * kt4 system-services runtime: the umbrella header. Includes every family of the library.
+ */
+#ifndef KT4_KT4_H
+#define KT4_KT4_H
+
+#include <kt4/common.h>
+#include <kt4/hostsim.h>
+#include <kt4/log.h>
+#include <kt4/timer.h>
+#include <kt4/vx2bsd.h>
+
+#endif /* KT4_KT4_H */

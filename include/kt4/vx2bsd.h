@@ -1,0 +1,172 @@
+/*
+ * kt4 tasking layer: the real-time-kernel task interface on POSIX threads.
+ *
+ * Tasks, binary/counting/mutual-exclusion semaphores, message queues, watchdogs and
+ * second-granular timers, plus the start-up of the layer in a process. Results follow the
+ * kernel convention: OK (0) or ERROR (-1) with the reason in errno (the codes below).
+ *
+ * Priorities use the kernel convention: 0 is the most urgent, 255 the least.
+ * Time-outs are in ticks of 20 ms (sysClkRateGet() == 50); WAIT_FOREVER or NO_WAIT.
+ *
+ * Entry-routine arguments, watchdog parameters and timer arguments are kt4_arg_t: an integer
+ * as wide as a pointer, so that a pointer can be passed as it could on the 32-bit original.
+ */
+#ifndef KT4_VX2BSD_H
+#define KT4_VX2BSD_H
+
+#include <kt4/common.h>
+#include <kt4/timer.h>
+
+KT4_BEGIN_DECLS
+
+typedef uintptr_t kt4_arg_t;
+
+/* errno codes of the layer */
+#define S_objLib_OBJ_ID_ERROR 0x3d0001
+#define S_objLib_OBJ_UNAVAILABLE 0x3d0002
+#define S_objLib_OBJ_DELETED 0x3d0003
+#define S_objLib_OBJ_TIMEOUT 0x3d0004
+#define S_taskLib_ILLEGAL_PRIORITY 0x30065
+#define S_taskLib_TASK_HOOK_NOT_FOUND 0x30066
+#define S_taskLib_TASK_HOOK_TABLE_FULL 0x30067
+#define S_memLib_NOT_ENOUGH_MEMORY 0x110001
+#define S_semLib_INVALID_OPERATION 0x160068
+#define S_msgQLib_INVALID_MSG_LENGTH 0x410001
+#define S_smObjLib_NO_TCB_MEMORY 0x580001
+
+/* ---- Tasks ---- */
+
+typedef int (*FUNCPTR)(kt4_arg_t, kt4_arg_t, kt4_arg_t, kt4_arg_t, kt4_arg_t, kt4_arg_t,
+                       kt4_arg_t, kt4_arg_t, kt4_arg_t, kt4_arg_t);
+typedef void (*VOIDFUNCPTR)(kt4_arg_t);
+
+/*
+ * Task control block storage. The layout is private to the library; a caller of taskInit
+ * supplies one of these (static or its own allocation) and keeps it alive until the task
+ * is deleted.
+ */
+typedef struct WIND_TCB {
+    uint64_t opaque[128];
+} WIND_TCB;
+
+/* Delete hooks are called with the TCB and the task's name. */
+typedef void (*TASK_DELETE_HOOK)(WIND_TCB *tcb, const char *name);
+
+typedef struct TASK_DESC {
+    int td_id;
+    char *td_name;
+    int td_priority;
+    FUNCPTR td_entry;
+    int td_status;
+    int td_options;
+    size_t td_stackSize;
+    uint32_t td_spare[8];
+} TASK_DESC;
+
+int vx2bsdLibInit(void);
+int kt4VxToBsdInit(int startExcTask, int startTimerTask);
+int vx2bsd_start(int excTask, int timerTask, int excPriority, int timerPriority);
+
+STATUS taskInit(WIND_TCB *tcb, const char *name, int priority, int options, char *stackBase,
+                int stackSize, FUNCPTR entry, kt4_arg_t a1, kt4_arg_t a2, kt4_arg_t a3,
+                kt4_arg_t a4, kt4_arg_t a5, kt4_arg_t a6, kt4_arg_t a7, kt4_arg_t a8,
+                kt4_arg_t a9, kt4_arg_t a10);
+STATUS taskActivate(int tid);
+int taskSpawn(const char *name, int priority, int options, int stackSize, FUNCPTR entry,
+              kt4_arg_t a1, kt4_arg_t a2, kt4_arg_t a3, kt4_arg_t a4, kt4_arg_t a5,
+              kt4_arg_t a6, kt4_arg_t a7, kt4_arg_t a8, kt4_arg_t a9, kt4_arg_t a10);
+STATUS taskDelete(int tid);
+STATUS taskDeleteForce(int tid);
+STATUS taskRestart(int tid);
+STATUS taskSuspend(int tid);
+STATUS taskResume(int tid);
+STATUS taskDelay(int ticks);
+STATUS taskLock(void);
+STATUS taskUnlock(void);
+STATUS taskSafe(void);
+STATUS taskUnsafe(void);
+STATUS taskPrioritySet(int tid, int priority);
+STATUS taskPriorityGet(int tid, int *priority);
+char *taskName(int tid);
+int taskNameToId(const char *name);
+int taskIdSelf(void);
+STATUS taskIdVerify(int tid);
+int taskIdListGet(int idList[], int maxTasks);
+BOOL taskIsReady(int tid);
+BOOL taskIsSuspended(int tid);
+WIND_TCB *taskTcb(int tid);
+STATUS taskInfoGet(int tid, TASK_DESC *desc);
+int taskDeleteHookAdd(TASK_DELETE_HOOK hook);
+int taskDeleteHookDelete(TASK_DELETE_HOOK hook);
+STATUS kernelTimeSlice(int ticks);
+void enableRoundRobin(void);
+void disableRoundRobin(void);
+int roundRobinIsEnabled(void);
+
+/* ---- Semaphores ---- */
+
+typedef uint32_t SEM_ID; /* a number: entry index + generation x 2304; 0 is no semaphore */
+
+#define SEM_Q_FIFO 0x00
+#define SEM_Q_PRIORITY 0x01
+#define SEM_DELETE_SAFE 0x04
+#define SEM_INVERSION_SAFE 0x08
+#define SEM_EMPTY 0
+#define SEM_FULL 1
+
+SEM_ID semBCreate(int options, int initialState);
+SEM_ID semCCreate(int options, int initialCount);
+SEM_ID semMCreate(int options);
+STATUS semTake(SEM_ID semId, int timeout);
+STATUS semGive(SEM_ID semId);
+STATUS semFlush(SEM_ID semId);
+STATUS semDelete(SEM_ID semId);
+
+/* ---- Message queues ---- */
+
+typedef struct msg_queue *MSG_Q_ID;
+
+#define MSG_Q_FIFO 0x00
+#define MSG_Q_PRIORITY 0x01
+#define MSG_PRI_NORMAL 0
+#define MSG_PRI_URGENT 1
+
+MSG_Q_ID msgQCreate(int maxMsgs, int maxMsgLength, int options);
+STATUS msgQSend(MSG_Q_ID msgQId, const char *buffer, unsigned nBytes, int timeout, int priority);
+int msgQReceive(MSG_Q_ID msgQId, char *buffer, unsigned maxNBytes, int timeout);
+int msgQNumMsgs(MSG_Q_ID msgQId);
+STATUS msgQDelete(MSG_Q_ID msgQId);
+
+/* ---- Watchdogs (counted down every tick by tExcTask) ---- */
+
+typedef struct wdog *WDOG_ID;
+
+WDOG_ID wdCreate(void);
+STATUS wdStart(WDOG_ID wdId, int delay, VOIDFUNCPTR routine, kt4_arg_t parameter);
+STATUS wdCancel(WDOG_ID wdId);
+STATUS wdDelete(WDOG_ID wdId);
+void process_timer_list(void);
+
+/* ---- Second-granular timers (counted down every second by tTimerTask) ---- */
+
+typedef struct vx2bsd_timer *VX2BSD_TIMER_ID;
+typedef void (*VX2BSD_TIMER_HANDLER)(VX2BSD_TIMER_ID timer, kt4_arg_t argument);
+
+#define VX2BSD_TIMER_PERIODIC 0x01
+
+int vx2bsdTimerLibInit(void);
+VX2BSD_TIMER_ID vx2bsdTimerCreate(void);
+void vx2bsdTimerConnect(VX2BSD_TIMER_ID timer, VX2BSD_TIMER_HANDLER handler, kt4_arg_t argument);
+STATUS vx2bsdTimerStart(VX2BSD_TIMER_ID timer, int count, VX2BSD_TIMER_HANDLER handler,
+                        kt4_arg_t argument, unsigned options);
+STATUS vx2bsdTimerSetTime(VX2BSD_TIMER_ID timer, int count, unsigned options);
+STATUS vx2bsdTimerCancel(VX2BSD_TIMER_ID timer);
+STATUS vx2bsdTimerDelete(VX2BSD_TIMER_ID timer);
+void process_vx2bsd_timer_list(void);
+
+/* ---- Task manager exit hook (registered at start-up) ---- */
+void kt4TaskExit(WIND_TCB *tcb, const char *name);
+
+KT4_END_DECLS
+
+#endif /* KT4_VX2BSD_H */

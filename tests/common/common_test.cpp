@@ -1,0 +1,162 @@
+// The ground every family stands on: byte-order fields, the checked allocator and its
+// memory-check registry, the card identity and the tick source.
+#include "common/kt4_be.h"
+
+#include <kt4/common.h>
+#include <kt4/hostsim.h>
+#include <kt4/timer.h>
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <vector>
+
+namespace {
+
+TEST(ByteOrder, FieldsStoreBigEndianAndOverlayBuffers) {
+    struct Rec {
+        kt4::be16 a;
+        kt4::be32 b;
+        kt4::be64 c;
+    } r;
+    static_assert(sizeof(Rec) == 14);
+    r.a = 0x1234;
+    r.b = 0xA1B2C3D4u;
+    r.c = 0x0102030405060708ull;
+    const unsigned char want[] = {0x12, 0x34, 0xA1, 0xB2, 0xC3, 0xD4, 1, 2, 3, 4, 5, 6, 7, 8};
+    EXPECT_EQ(0, std::memcmp(&r, want, sizeof want));
+    EXPECT_EQ(0x1234u, r.a);
+    r.b += 1;
+    r.c |= 0xF0;
+    EXPECT_EQ(0xA1B2C3D5u, r.b.get());
+    EXPECT_EQ(0x01020304050607F8ull, r.c.get());
+    kt4::bes32 neg = -2;
+    EXPECT_EQ(-2, neg.get());
+    EXPECT_EQ(0xFFFFFFFEu, kt4::load_be32(&neg));
+}
+
+struct Collect {
+    std::vector<kt4mc_block_info> blocks;
+    static void add(const kt4mc_block_info *b, void *arg) {
+        static_cast<Collect *>(arg)->blocks.push_back(*b);
+    }
+};
+
+class CheckedAllocator : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        MCReset();
+        gKT4MCOn = 1;
+    }
+    void TearDown() override {
+        gKT4MCOn = 0;
+        MCReset();
+    }
+};
+
+TEST_F(CheckedAllocator, LeakReportNamesFileAndLine) {
+    void *a = kt4MC_malloc("fileA", 11, 100);
+    void *b = kt4MC_calloc("fileB", 22, 4, 8);
+    void *c = kt4MC_M_sysMalloc("fileC", 33, 7);
+    ASSERT_TRUE(a && b && c);
+    for (int i = 0; i < 32; ++i) EXPECT_EQ(0, static_cast<unsigned char *>(b)[i]);
+    EXPECT_EQ(3u, MCLiveCount());
+    EXPECT_EQ(139u, MCLiveBytes());
+    kt4MC_free("fileA", 12, a);
+    Collect col;
+    EXPECT_EQ(2u, MCForEach(&Collect::add, &col));
+    ASSERT_EQ(2u, col.blocks.size());
+    EXPECT_STREQ("fileB", col.blocks[0].file);
+    EXPECT_EQ(22, col.blocks[0].line);
+    EXPECT_EQ(32u, col.blocks[0].size);
+    EXPECT_STREQ("fileC", col.blocks[1].file);
+
+    char buf[512];
+    FILE *f = fmemopen(buf, sizeof buf, "w");
+    MCReport(f);
+    fclose(f);
+    EXPECT_NE(nullptr, std::strstr(buf, "2 live blocks, 39 bytes"));
+    EXPECT_NE(nullptr, std::strstr(buf, "fileB:22 kind 0 size 32"));
+
+    kt4MC_free("fileB", 23, b);
+    EXPECT_EQ(0, kt4MC_M_sysMemfree("fileC", 34, c));
+    EXPECT_EQ(0u, MCLiveCount());
+    EXPECT_EQ(0u, MCGuardErrors());
+}
+
+TEST_F(CheckedAllocator, GuardCatchesOverrunDoubleFreeAndWrongKind) {
+    char *p = static_cast<char *>(kt4MC_malloc("t", 1, 10));
+    p[10] = 'x'; // one past the end lands in the guard
+    kt4MC_free("t", 2, p);
+    EXPECT_EQ(1u, MCGuardErrors());
+
+    void *q = kt4MC_M_sysMalloc("t", 3, 16);
+    kt4MC_free("t", 4, q); // released as the wrong kind: reported, still released
+    EXPECT_EQ(2u, MCGuardErrors());
+
+    // A block allocated while the check was off is released without a registration.
+    gKT4MCOn = 0;
+    void *r = kt4MC_malloc("t", 5, 8);
+    gKT4MCOn = 1;
+    kt4MC_free("t", 6, r);
+    EXPECT_EQ(1u, MCUnknownFrees());
+    EXPECT_EQ(0u, MCLiveCount());
+}
+
+TEST_F(CheckedAllocator, HugeRequestsFailCleanly) {
+    EXPECT_EQ(nullptr, kt4MC_malloc("t", 1, SIZE_MAX - 10));
+    EXPECT_EQ(nullptr, kt4MC_calloc("t", 1, SIZE_MAX / 2, 4));
+    EXPECT_EQ(0u, MCLiveCount());
+    kt4MC_free("t", 2, nullptr);
+}
+
+TEST(CardIdentity, EnvironmentThenSetters) {
+    setenv("KT4_SLOT", "3", 1);
+    setenv("KT4_CHASSIS_ID", "7", 1);
+    setenv("KT4_CPU", "2", 1);
+    setenv("KT4_PLATFORM_TYPE", "0x15", 1);
+    setenv("KT4_RPM_ROLE", "standby", 1);
+    setenv("KT4_VIRTUAL", "single", 1);
+    kt4CardReload();
+    EXPECT_EQ(3, kt4CardSlot());
+    EXPECT_EQ(7, kt4CardChassisId());
+    EXPECT_EQ(2, kt4CardCpu());
+    EXPECT_EQ(0x15, getPlatformType());
+    EXPECT_EQ(0, kt4CardIsPrimaryRpm());
+    EXPECT_EQ(1, KT4IsVirtualEnv());
+    EXPECT_EQ(1, KT4IsVirtualSingle());
+    kt4CardSetSlot(9);
+    kt4CardSetPrimaryRpm(1);
+    EXPECT_EQ(9, kt4CardSlot());
+    EXPECT_EQ(1, kt4CardIsPrimaryRpm());
+    for (const char *v : {"KT4_SLOT", "KT4_CHASSIS_ID", "KT4_CPU", "KT4_PLATFORM_TYPE",
+                          "KT4_RPM_ROLE", "KT4_VIRTUAL"})
+        unsetenv(v);
+    kt4CardReload();
+    EXPECT_EQ(0, kt4CardSlot());
+    EXPECT_EQ(0, kt4CardChassisId());
+    EXPECT_EQ(1, kt4CardCpu());
+    EXPECT_EQ(1, kt4CardIsPrimaryRpm());
+    EXPECT_EQ(0, KT4IsVirtualEnv());
+}
+
+TEST(TickSource, FiftyPerSecondAndSettable) {
+    EXPECT_EQ(50, sysClkRateGet());
+    uint64_t t0 = tick64Get();
+    struct timespec ts = {0, 100 * 1000 * 1000};
+    nanosleep(&ts, nullptr);
+    uint64_t dt = tick64Get() - t0;
+    EXPECT_GE(dt, 4u);
+    EXPECT_LE(dt, 50u);
+    tick64Set(1, 5);
+    uint64_t now = tick64Get();
+    EXPECT_GE(now, (1ull << 32) + 5);
+    EXPECT_LE(now, (1ull << 32) + 60);
+    tickSet(100);
+    EXPECT_LE(tickGet(), 160u);
+    EXPECT_GE(tickGet(), 100u);
+}
+
+} // namespace
