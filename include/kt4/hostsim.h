@@ -50,6 +50,17 @@ void MCReset(void);
 unsigned long MCGuardErrors(void);
 unsigned long MCUnknownFrees(void);
 
+/* ---- Shared-memory heap -------------------------------------------------------------------
+ * Allocations inside the card's shared memory area (mapped at the same address in every
+ * process), for headers and records that several processes reach. mm_core_init lays the heap
+ * over [base, base + size) when the area is new and finds it when it is already laid out.
+ * Until a heap exists the calls fail (null / -1).
+ */
+int mm_core_init(void *base, size_t size, int create);
+void *kt4MC_MM_malloc(const char *file, int line, size_t size);
+void *kt4MC_MM_calloc(const char *file, int line, size_t nmemb, size_t size);
+int kt4MC_MM_free(const char *file, int line, void *ptr);
+
 /* ---- Card identity and platform queries ----------------------------------------------------
  * Read once from KT4_SLOT, KT4_CHASSIS_ID, KT4_CPU, KT4_PLATFORM_TYPE, KT4_RPM_ROLE
  * ("primary" or "standby") and KT4_TME_INSTANCE; the setters override them (tests).
