@@ -37,10 +37,16 @@ template <typename T> class be {
     }
     constexpr void set(T v) {
         U raw = static_cast<U>(v);
-        for (int i = static_cast<int>(sizeof(T)) - 1; i >= 0; --i) {
-            b_[i] = static_cast<unsigned char>(raw & 0xFF);
-            raw = static_cast<U>(raw >> 8);
+        if (std::is_constant_evaluated()) {
+            for (int i = static_cast<int>(sizeof(T)) - 1; i >= 0; --i) {
+                b_[i] = static_cast<unsigned char>(raw & 0xFF);
+                raw = static_cast<U>(raw >> 8);
+            }
+            return;
         }
+        // One swapped store: byte-wise stores stall the loads that read the field right back.
+        if constexpr (__BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__) raw = swap(raw);
+        std::memcpy(b_, &raw, sizeof raw);
     }
     operator T() const { return get(); } // NOLINT
     be &operator=(T v) {

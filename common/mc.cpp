@@ -5,8 +5,15 @@
 // block is registered with the caller's file and line, so that a running process can list its
 // live memory by the place that took it. A block allocated while the check was off is still
 // guarded, and its release simply finds no registration.
+//
+// System memory (kt4MC_M_sys*) is taken through the pool family's M_sysMalloc/M_sysMemfree, so
+// that it passes the memory-pressure gate and is counted per task. A build without the mem
+// family (KT4_WITH_MEM undefined: a partial build of other families) takes it from the heap.
 #include <kt4/common.h>
 #include <kt4/hostsim.h>
+#ifdef KT4_WITH_MEM
+#include <kt4/mem.h>
+#endif
 
 #include <cerrno>
 #include <cstdlib>
@@ -26,13 +33,39 @@ int initial_mc_on() {
     return v != nullptr && v[0] != '\0' && v[0] != '0';
 }
 
+// The raw block of a checked allocation: heap memory, or system memory through the gate.
+void *raw_alloc(const char *file, int line, size_t size, bool zero, bool sys) {
+#ifdef KT4_WITH_MEM
+    if (sys) return zero ? M_sysCalloc(file, line, 1, size) : M_sysMalloc(file, line, size);
+#else
+    (void)file;
+    (void)line;
+    (void)sys;
+#endif
+    return zero ? std::calloc(1, size) : std::malloc(size);
+}
+
+void raw_free(const char *file, int line, void *raw, bool sys) {
+#ifdef KT4_WITH_MEM
+    if (sys) {
+        M_sysMemfree(file, line, raw);
+        return;
+    }
+#else
+    (void)file;
+    (void)line;
+    (void)sys;
+#endif
+    std::free(raw);
+}
+
 void *checked_alloc(const char *file, int line, size_t size, bool zero, int guard_kind,
                     int mc_kind) {
     if (size > std::numeric_limits<size_t>::max() - KT4MC_GUARD_SIZE) {
         errno = ENOMEM;
         return nullptr;
     }
-    void *raw = zero ? std::calloc(1, size + KT4MC_GUARD_SIZE) : std::malloc(size + KT4MC_GUARD_SIZE);
+    void *raw = raw_alloc(file, line, size + KT4MC_GUARD_SIZE, zero, guard_kind == kGuardSys);
     if (raw == nullptr) return nullptr;
     void *user = kt4mc_guard_alloc(guard_kind, raw, size);
     if (gKT4MCOn && MCLock() == 0) {
@@ -50,7 +83,7 @@ int checked_free(const char *file, int line, void *ptr, int guard_kind) {
     }
     void *raw = kt4mc_guard_free(guard_kind, ptr);
     if (raw == nullptr) return -1; // broken guard: reported by the service, block kept
-    std::free(raw);
+    raw_free(file, line, raw, guard_kind == kGuardSys);
     return 0;
 }
 

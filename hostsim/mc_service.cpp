@@ -54,11 +54,13 @@ void report_guard(const char *what, const void *user, int kind) {
 extern "C" {
 
 void *kt4mc_guard_alloc(int kind, void *raw, size_t size) {
-    auto *head = static_cast<GuardHead *>(raw);
-    head->magic = kGuardMagic;
-    head->kind = static_cast<uint32_t>(kind);
-    head->size = size;
-    std::memset(head->fill, kHeadFill, sizeof head->fill);
+    // The header is copied in and out with memcpy: pool blocks are only 4-byte aligned.
+    GuardHead head;
+    head.magic = kGuardMagic;
+    head.kind = static_cast<uint32_t>(kind);
+    head.size = size;
+    std::memset(head.fill, kHeadFill, sizeof head.fill);
+    std::memcpy(raw, &head, sizeof head);
     unsigned char *user = static_cast<unsigned char *>(raw) + KT4MC_GUARD_HEAD;
     std::memset(user + size, kTailFill, kTail);
     return user;
@@ -67,7 +69,9 @@ void *kt4mc_guard_alloc(int kind, void *raw, size_t size) {
 void *kt4mc_guard_free(int kind, void *user) {
     if (user == nullptr) return nullptr;
     auto *raw = static_cast<unsigned char *>(user) - KT4MC_GUARD_HEAD;
-    auto *head = reinterpret_cast<GuardHead *>(raw);
+    GuardHead h;
+    std::memcpy(&h, raw, sizeof h);
+    const GuardHead *head = &h;
     if (head->magic == kGuardDeadMagic) {
         report_guard("block released twice", user, kind);
         return nullptr;
@@ -82,7 +86,8 @@ void *kt4mc_guard_free(int kind, void *user) {
     for (size_t i = 0; i < kTail; ++i) ok = ok && tail[i] == kTailFill;
     if (!ok) report_guard("guard around block overwritten", user, kind);
     if (head->kind != static_cast<uint32_t>(kind)) report_guard("block released as the wrong kind", user, kind);
-    head->magic = kGuardDeadMagic;
+    const uint32_t dead = kGuardDeadMagic;
+    std::memcpy(raw, &dead, sizeof dead);
     return raw;
 }
 

@@ -5,9 +5,15 @@
 #define KT4_KT4_H
 
 #include <kt4/common.h>
+#include <kt4/containers.h>
 #include <kt4/hostsim.h>
+#include <kt4/ipc.h>
+#include <kt4/ifm.h>
 #include <kt4/log.h>
+#include <kt4/mem.h>
+#include <kt4/platform.h>
 #include <kt4/timer.h>
+#include <kt4/tme.h>
 #include <kt4/vx2bsd.h>
 
 #endif /* KT4_KT4_H */

@@ -10,6 +10,11 @@
  *
  * Entry-routine arguments, watchdog parameters and timer arguments are kt4_arg_t: an integer
  * as wide as a pointer, so that a pointer can be passed as it could on the 32-bit original.
+ *
+ * On the host: task priorities map onto the real-time scheduler (round robin after start-up).
+ * A process that may not use real-time scheduling (or runs with KT4_NO_RT=1) keeps every
+ * priority as given but runs its tasks under the default policy; it says so once on stderr.
+ * Semaphores and message queues may also be used from threads that are not tasks.
  */
 #ifndef KT4_VX2BSD_H
 #define KT4_VX2BSD_H
@@ -36,8 +41,8 @@ typedef uintptr_t kt4_arg_t;
 
 /* ---- Tasks ---- */
 
-typedef int (*FUNCPTR)(kt4_arg_t, kt4_arg_t, kt4_arg_t, kt4_arg_t, kt4_arg_t, kt4_arg_t,
-                       kt4_arg_t, kt4_arg_t, kt4_arg_t, kt4_arg_t);
+typedef int (*FUNCPTR)(kt4_arg_t, kt4_arg_t, kt4_arg_t, kt4_arg_t, kt4_arg_t, kt4_arg_t, kt4_arg_t,
+                       kt4_arg_t, kt4_arg_t, kt4_arg_t);
 typedef void (*VOIDFUNCPTR)(kt4_arg_t);
 
 /*
@@ -63,18 +68,32 @@ typedef struct TASK_DESC {
     uint32_t td_spare[8];
 } TASK_DESC;
 
+/*
+ * Start-up. kt4VxToBsdInit is called once by a control process before it uses the layer (later
+ * calls do nothing): it starts tUsrRoot, which starts tExcTask (watchdogs, every tick) and
+ * tTimerTask (timers, every second) when the flags ask for them, and returns once they run.
+ * SIGUSR2 asks tUsrRoot for a live core dump (kt4livecore) within 2 seconds.
+ */
 int vx2bsdLibInit(void);
 int kt4VxToBsdInit(int startExcTask, int startTimerTask);
 int vx2bsd_start(int excTask, int timerTask, int excPriority, int timerPriority);
+/* Writes a core of the running process without stopping it ($KT4_CORE_DIR, else the working
+ * directory); 0, or -1 on failure. */
+int kt4livecore(void);
+
+/*
+ * taskInit gives the task the id (int)(uintptr_t)tcb, the TCB's address as the 32-bit id that
+ * taskActivate and the other calls take; taskSpawn hands out small ids from 1.
+ */
 
 STATUS taskInit(WIND_TCB *tcb, const char *name, int priority, int options, char *stackBase,
                 int stackSize, FUNCPTR entry, kt4_arg_t a1, kt4_arg_t a2, kt4_arg_t a3,
-                kt4_arg_t a4, kt4_arg_t a5, kt4_arg_t a6, kt4_arg_t a7, kt4_arg_t a8,
-                kt4_arg_t a9, kt4_arg_t a10);
+                kt4_arg_t a4, kt4_arg_t a5, kt4_arg_t a6, kt4_arg_t a7, kt4_arg_t a8, kt4_arg_t a9,
+                kt4_arg_t a10);
 STATUS taskActivate(int tid);
 int taskSpawn(const char *name, int priority, int options, int stackSize, FUNCPTR entry,
-              kt4_arg_t a1, kt4_arg_t a2, kt4_arg_t a3, kt4_arg_t a4, kt4_arg_t a5,
-              kt4_arg_t a6, kt4_arg_t a7, kt4_arg_t a8, kt4_arg_t a9, kt4_arg_t a10);
+              kt4_arg_t a1, kt4_arg_t a2, kt4_arg_t a3, kt4_arg_t a4, kt4_arg_t a5, kt4_arg_t a6,
+              kt4_arg_t a7, kt4_arg_t a8, kt4_arg_t a9, kt4_arg_t a10);
 STATUS taskDelete(int tid);
 STATUS taskDeleteForce(int tid);
 STATUS taskRestart(int tid);

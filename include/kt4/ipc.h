@@ -1,0 +1,296 @@
+/*
+ * kt4 messaging (IPC): endpoint naming, the message header, endpoints and their sockets,
+ * plain, guaranteed and send-and-wait delivery.
+ *
+ * A task is named by a service (13..363) and an instance (0..31). Its IPC key is
+ * service << 7 | instance << 2; a queue id adds the queue kind in the low two bits
+ * (1 request, 2 response, 3 timer) and its low 16 bits are the UDP port of the queue's
+ * socket, bound on the card's internal CPU address (127/8).
+ *
+ * Every message starts with the 60-byte IPC header, all integers big-endian. Read and write
+ * its fields with kt4IpcHdrGet/kt4IpcHdrSet (they convert byte order) and fill the address
+ * triples with kt4IpcSetSourceHeader/kt4IpcSetTargetHeader. Addresses passed to and
+ * returned by this interface are IPv4 addresses in host order (127.10.10.10 is 0x7F0A0A0A).
+ *
+ * Results: -1 with errno for failures unless a call says otherwise.
+ */
+#ifndef KT4_IPC_H
+#define KT4_IPC_H
+
+#include <kt4/common.h>
+
+KT4_BEGIN_DECLS
+
+/* ---- Keys and queue ids -------------------------------------------------------------- */
+
+#define KT4_IPC_QUEUE_NONE 0
+#define KT4_IPC_QUEUE_REQ 1
+#define KT4_IPC_QUEUE_RSP 2
+#define KT4_IPC_QUEUE_TMR 3
+
+#define KT4_IPC_MIN_SERVICE 13  /* lowest service the keyed calls accept */
+#define KT4_IPC_MAX_SERVICE 363 /* highest */
+#define KT4_IPC_LARGE_INST_MIN 48
+#define KT4_IPC_LARGE_INST_MAX 4144
+#define KT4_IPC_LARGE_INST_QID 0xA700 /* queue id of a large instance, OR the kind */
+
+int maxService(void);                   /* 366 */
+int kt4IpcGetService(int key);          /* key >> 7 */
+int kt4IpcGetInstance(int key);         /* (key & 0x7C) >> 2 */
+int kt4IpcGetServiceFromSvce(int key);  /* (key >> 7) & 0x1FF */
+int kt4IpcGetInstanceFromSvce(int key); /* (key >> 2) & 31 */
+int kt4_getQueueId(int service, int instance, int kind);
+int kt4_getQueueIdInPE(int service, int instance, int kind);
+
+/* Queue ids of an open endpoint: 0 when that queue is not open. */
+int Key_getReqQueue(int key);
+int Key_getRspQueue(int key);
+int Key_getTmrQueue(int key); /* also clears bit 0 of the endpoint's event flags */
+int Key_getAllQueue(int key); /* key | 1, unconditionally */
+/* Socket descriptor of a queue, or -1 when the queue is not open. */
+int Key_getSocketFd(int queueId);
+
+/* The calling task's IPC key and service (from the task registry). */
+int getIpcKey(int service, int ignored, int *key);
+int getSrvcId(void); /* 255 when the task has no key */
+
+/* Nonzero in a relay process: its queue ids are never the large-instance form. */
+extern int gIsRelayTask;
+
+/* ---- Internal CPU addresses ---------------------------------------------------------- */
+
+/* 127.<chassis+10>.10.<slot*10+10 (cpu 3: +13)>, mask 255.240.0.0; -1 for null pointers. */
+int kt4GetCpuIpcAddr(int slot, int cpu, uint32_t *address, uint32_t *mask);
+/* Process-per-instance systems: 127.20.20.<slot*10+cpu+10 (cpu 3: +13)>. */
+int kt4GetCpuIpcAddrInPE(int slot, int cpu, uint32_t *address, uint32_t *mask);
+/* The address this process binds its queues to (this card's CPU address). */
+uint32_t kt4IpcGetLocalCpuIpAddr(void);
+/* The secondary IPC address that large-instance endpoints (kt4IpcOpen2) bind to; all ones
+ * (the default) means none. */
+void kt4IpcSetSecondaryIpcAddress(uint32_t address);
+uint32_t kt4IpcGetSecondaryIpcAddress(void);
+
+/* ---- Message header ------------------------------------------------------------------ */
+
+#define KT4_IPC_HDR_LEN 60
+#define KT4_IPC_MAGIC 0xFEEDBEAFu
+
+/* Header fields for kt4IpcHdrGet/kt4IpcHdrSet. */
+typedef enum kt4IpcHdrField {
+    KT4_IPC_HDR_MAGIC,       /* u32 at 0 */
+    KT4_IPC_HDR_CMD_TYPE,    /* u8 at 4 */
+    KT4_IPC_HDR_CMD_FLAGS,   /* u8 at 5 */
+    KT4_IPC_HDR_GRT_TAG,     /* u16 at 6 */
+    KT4_IPC_HDR_LENGTH,      /* u32 at 8 */
+    KT4_IPC_HDR_MSG_TYPE,    /* u32 at 12 */
+    KT4_IPC_HDR_APP0,        /* u32 at 16: application words, not read by IPC */
+    KT4_IPC_HDR_APP1,        /* u32 at 20 */
+    KT4_IPC_HDR_APP2,        /* u32 at 24 (the packet type of guaranteed IPC's texts) */
+    KT4_IPC_HDR_APP3,        /* u32 at 28 */
+    KT4_IPC_HDR_TRANSACTION, /* u32 at 32 */
+    KT4_IPC_HDR_SRC_SLOT,    /* u32 at 36 */
+    KT4_IPC_HDR_SRC_ADDR,    /* u32 at 40 */
+    KT4_IPC_HDR_SRC_QID,     /* u32 at 44 */
+    KT4_IPC_HDR_TGT_SLOT,    /* u32 at 48 */
+    KT4_IPC_HDR_TGT_ADDR,    /* u32 at 52 */
+    KT4_IPC_HDR_TGT_QID      /* u32 at 56 */
+} kt4IpcHdrField;
+
+/* Reads or writes one header field in host order (the message holds it big-endian). */
+uint32_t kt4IpcHdrGet(const void *msg, kt4IpcHdrField field);
+void kt4IpcHdrSet(void *msg, kt4IpcHdrField field, uint32_t value);
+
+/* Command types (header byte 4). */
+#define KT4_IPC_CMD_DEF 0
+#define KT4_IPC_CMD_GUARANTEED_ACK 6
+#define KT4_IPC_CMD_GUARANTEED_SEND 7
+#define KT4_IPC_CMD_GUARANTEED_ACK_FIRST 8
+#define KT4_IPC_CMD_GUARANTEED_SEND_FIRST 9
+#define KT4_IPC_CMD_ACK 10
+#define KT4_IPC_CMD_GRT 11
+#define KT4_IPC_CMD_RSP 12
+#define KT4_IPC_CMD_REQ 13
+
+const char *kt4IpcGetCmdTypeName(int type);
+
+/* Source triple: slot, this card's CPU address, response queue of (service, instance). */
+void kt4IpcSetSourceHeader(void *msg, int slot, int service, int instance);
+/* Target triple: slot, address, request queue (ToRspQ: response queue) of (service, inst). */
+void kt4IpcSetTargetHeader(void *msg, uint32_t address, int slot, int service, int instance);
+void kt4IpcSetTargetHeaderToRspQ(void *msg, uint32_t address, int slot, int service, int instance);
+/* Source slot and queue id of a message; -1 (and a message) when the magic is wrong. */
+int kt4IpcGetSourceHeader(const void *msg, uint32_t *slot, uint32_t *queueId);
+/* Kept for callers of the original-address interface: they change nothing. */
+void kt4IpcSetOrigSourceHeader(void *msg, int slot, uint32_t address, int queueId);
+void kt4IpcSetOrigDestHeader(void *msg, int slot, uint32_t address, int queueId);
+/* Sets (1) or clears (0) bit 0x80 of the command-type byte. Every send path writes that
+ * byte whole, so the bit does not survive a send. */
+void kt4IpcSetIpcPriority(void *msg, int priority);
+
+/* Message types come in blocks of 400 per module: module = (type - 1) / 400. */
+void ipcGetModuleByMT(uint32_t msgType);
+int ipcGetModuleIdAndOffsetByMT(uint32_t msgType, int *module, int *offset);
+const char *ipcGetModuleNameById(int id);
+
+/* ---- Instances per process ----------------------------------------------------------- */
+
+/*
+ * One row per service (0..363): the service column, the number of ordinary instance records
+ * the process keeps (instances 0..n-1), flags, and the number of large-instance records kept
+ * after them. The default gives every service its 32 instances in the calling process.
+ */
+typedef struct kt4IpcProcInstRow {
+    uint32_t service;        /* must equal the row's index for the row to be used */
+    uint32_t instances;      /* ordinary records; also the offset of the large-instance record */
+    uint32_t flags;          /* KT4_IPC_INST_* */
+    uint32_t largeInstances; /* records for a large-instance endpoint (0 or 1) */
+} kt4IpcProcInstRow;
+
+#define KT4_IPC_INST_ROWS 364
+#define KT4_IPC_INST_LARGE_QID 0x10000 /* process-per-instance: large-instance queue ids */
+#define KT4_IPC_INST_MASTER_CP 0x400   /* process-per-instance: served by the master card */
+
+/*
+ * Loads another table (rows 0..count-1; services from count on do not live in this
+ * process). Load it before any endpoint is opened: a service whose records already exist
+ * keeps its record count. 0, or -1 (EINVAL) for a null table or a count outside 1..364.
+ */
+int kt4IpcLoadMaxInstPerProcessTbl(const kt4IpcProcInstRow *rows, int count);
+/* Back to the default table (same restriction). */
+void kt4IpcResetMaxInstPerProcessTbl(void);
+int kt4IpcGetMaxProcTblEntries(void);                 /* 364 */
+int kt4IpcGetMaxProcInstEntriesVal(int service);      /* instances + largeInstances, or 0 */
+int kt4GetMaxInstPerProcessTblProcessId(int service); /* the service column, or -1 */
+int kt4IpcGetMaxProcInstFlagsVal(int service);        /* flags, or 0 */
+/* Offsets of a large-instance endpoint's records: instances and largeInstances; -1 for a
+ * service outside the table. */
+int kt4IpcGGetProcessInstOffsetsVal(int service, uint32_t *firstOffset, uint32_t *secondOffset);
+/* 0 when (service, instance) may live in this process, else -1. */
+int kt4IpcTblChkProcInstLimit(int service, int instance);
+
+/* ---- Endpoints ----------------------------------------------------------------------- */
+
+int kt4IpcOpen(int service, int instance);    /* the key, or -1 */
+int kt4IpcOpen2(int service, int instance);   /* large instance 48..4144, secondary links */
+int kt4IpcTmrOpen(int service, int instance); /* timer queue */
+int kt4IpcTmrOpen2(int service, int instance);
+int kt4IpcClose(int key);
+int kt4IpcIsOpen(int service, int instance);
+/* Forgets the endpoint's descriptors without closing them (a child after fork). */
+void kt4IpcProcessCleanup(int key);
+
+/* Link and socket of one queue. The numbers after the name (2, 0, 1, 1024 from the open
+ * calls) are carried for the callers' sake and do not change the socket. */
+int kt4_ipcCreateLink(int queueId, const char *linkName, int mode, int flags, int count, int size);
+int kt4_ipcSOpen(int queueId, int protocol, int flags, int count, int size, int secondary);
+int kt4_ipcDeleteLink(int queueId);
+
+/* Socket buffers of a queue; the size read back is kept in the link record. */
+int kt4IpcSetRecvBufferLimit(int queueId, int bytes, int *err);
+int kt4IpcSetSendBufferLimit(int queueId, int bytes, int *err);
+int kt4IpcSetRecvBufferLimitOfRspQ(int key, int bytes, int *err);
+int kt4IpcGetRecvBufferLimit(int queueId, int *err);
+int kt4IpcGetSendBufferLimit(int queueId, int *err);
+int kt4IpcEnableBroadcast(int queueId, int *err);
+int kt4IpcDisableBroadcast(int queueId, int *err);
+/* Bytes waiting in the queue's socket as FIONREAD reports them (not a count of messages; on
+ * Linux, the bytes of the next datagram), or -1. */
+int kt4IpcGetNumMsgs(int queueId);
+int kt4IpcGetNumMsgsOnRspQ(int key);
+
+/* ---- Sending and receiving ----------------------------------------------------------- */
+
+int kt4IpcSend(int key, void *msg, int len);
+int kt4IpcNonGuaranteedSend(int key, void *msg, int len);
+int kt4IpcReply(int key, void *msg, int len);
+/* Waits at most timeout seconds per wait (<= 0: without limit); takes a message whose type
+ * and transaction equal the wanted ones (both 0: any message), dropping others. Every
+ * message that asks for it is acknowledged before the selection, whether taken or not: a
+ * guaranteed send (GUARANTEED_SEND_FIRST / GUARANTEED_SEND) with GUARANTEED_ACK_FIRST /
+ * GUARANTEED_ACK to the sender's response queue, a "GRT" with flags above 0 with "ACK" to its
+ * source queue. */
+int kt4IpcRecv(int queueId, void *buf, int size, int timeout, uint32_t msgType,
+               uint32_t transaction);
+int kt4IpcRecvOnRspQ(int key, void *buf, int size, int timeout, uint32_t msgType,
+                     uint32_t transaction);
+/* Copies the next datagram without taking it; its length, or -1 (EBADMSG for a datagram
+ * that is not an IPC message, EAGAIN when none is waiting). */
+int kt4IpcPeekMsg(int queueId, void *buf, int size);
+/* Sends a request and waits for the reply of that type and transaction, in 500 ms slices
+ * (timeout 0: one poll). The reply overwrites buf (at most len bytes). */
+int kt4IpcSendWait(int key, void *buf, int len, int timeout, uint32_t msgType,
+                   uint32_t transaction);
+int kt4IpcSendWaitWithRetry(int key, void *sendBuf, void *replyBuf, int sendLen, int replySize,
+                            int timeout, uint32_t msgType, uint32_t transaction, int retries);
+/* Send-and-wait from the calling task to (service, instance) wherever it runs: 0 or -1. */
+int anyTaskIpcSendAndWait(uint32_t msgType, void *msg, int len, int service, int instance,
+                          void *reply, int replySize);
+/* The same, but the target's address comes from the task manager's retrying look-up for a
+ * request queue (kt4_tmeGetTaskIpAddrByName2): it waits for a peer that is still starting,
+ * and on a process-per-instance system reaches the master control card that serves the
+ * service. anyTaskIpcSendAndWait looks once and fails at once when the peer is unknown. */
+int anyTaskIpcSendAndWait2(uint32_t msgType, void *msg, int len, int service, int instance,
+                           void *reply, int replySize);
+
+/* Called as fn(arg, key) before every wait of kt4IpcRecv; null removes it. */
+typedef void (*kt4IpcRecvNotifier)(void *arg, int key);
+void kt4IpcInstallRecvNotifier(kt4IpcRecvNotifier fn, void *arg);
+
+/* ---- Guaranteed IPC ------------------------------------------------------------------ */
+
+void kt4IpcGuaranteedEnDis(uint32_t value);
+uint32_t kt4IsIpcGuaranteedEnabled(void);
+void kt4IpcGIncSendDBMemUsed(uint32_t bytes);
+void kt4IpcGDecSendDBMemUsed(uint32_t bytes);
+uint32_t kt4GetIpcGrnteedSendDBMemUsed(void);
+
+/* The decision and its parts (1 yes, 0 no). */
+int kt4ShdIpcBeGuaranteed(const void *msg, int key);
+int kt4IpcKeyUsedIsCorrect(int key);
+int kt4IpcSourceUsedIsCorrect(const void *msg, int key);
+int kt4IsIpcGDbUpdPossible(const void *msg);
+int kt4IpcGChkSameSvcId(const void *msg);
+/* 1 when the two queue ids name the same service and instance. */
+int kt4IpcGCompTaskNInst(uint32_t queueIdA, uint32_t queueIdB);
+
+int kt4IpcGuaranteedSend(int key, void *msg, int len, int firstSend);
+int kt4IpcGuaranteeSend(int key, void *msg, int len, uint32_t msgType, uint32_t transaction);
+
+/* Per-(endpoint, target queue) record. */
+typedef struct kt4IpcGTarget kt4IpcGTarget;
+kt4IpcGTarget *kt4GuaranteedIpcGetTargetDBPtr(int key, uint32_t targetQueueId);
+kt4IpcGTarget *kt4GuaranteedIpcGetTargetDBPtrExtended(int key, uint32_t targetAddress,
+                                                      uint32_t targetQueueId);
+void kt4GuaranteedIpcSendSuccess(kt4IpcGTarget *target, int ackCmdType, uint64_t measure);
+void kt4GuaranteedIpcSendFailed(kt4IpcGTarget *target);
+
+typedef struct kt4IpcGTargetStats {
+    uint32_t successes;
+    uint32_t retriesTry1;
+    uint32_t retriesTry2;
+    uint32_t failures;
+    uint32_t runningMean; /* mean round trip of the acknowledged sends, microseconds */
+    uint32_t plainSends;
+    uint32_t plainSendFailures;
+    uint16_t sequence; /* tag of the next guaranteed message */
+    uint16_t flags;    /* 0x40: first message still to be acknowledged */
+} kt4IpcGTargetStats;
+#define KT4_IPCG_FLAG_FIRST 0x40
+/* Copies a target record's counters: 0, or -1 for a null record. */
+int kt4GuaranteedIpcGetTargetStats(const kt4IpcGTarget *target, kt4IpcGTargetStats *stats);
+/* Prints every target record of the process with its counters. */
+void getProcessIPCGStats(void);
+
+/* ---- History ring -------------------------------------------------------------------- */
+
+extern int gKT4IpcHistEnable;
+int kt4InitIpcHistoryTable(int entries, int bytesPerEntry, int wrap);
+void kt4DeInitIpcHistoryTable(void);
+void kt4EnableIpcHistoryLogging(uint32_t msgType, int service, int srcOrDst);
+void kt4DisableIpcHistoryLogging(void);
+void printIpcHistoryLogging(void);
+void dumpIpcHistoryLogging(int start, int end);
+
+KT4_END_DECLS
+
+#endif /* KT4_IPC_H */

@@ -1,0 +1,127 @@
+/*
+ * kt4 platform services: the numbered shared-memory locks, the card's shared memory file and
+ * the start-up and exit of a control process.
+ *
+ * Locks. 28 plain locks (0..27) and 2 reader-writer locks (0..1) live in the kernel as System V
+ * semaphore sets of one semaphore each, with the keys 1028 + n and 1084 + n, plus
+ * $KT4_SYSV_KEY_OFFSET (default 0) so that several simulated cards or test runs share a host.
+ * A lock is never waited for inside the kernel: a taker tries with IPC_NOWAIT and sleeps two
+ * ticks (taskDelay(2), 40 ms) between tries, without limit. Plain lock 25 starts taken. A
+ * reader-writer lock admits three readers at once, or one writer.
+ *
+ * Well-known locks: 1 (reader-writer) the event-log key registry; plain 2 the SWP queue table,
+ * 4 the trace-history rings, 5 the task table.
+ *
+ * Shared memory. The card's processes map one file, "$KT4_ROOT/KT4ShmMMap.mem" (KT4_ROOT
+ * defaults to /kt4), at the fixed address 0x60000000 with MAP_FIXED_NOREPLACE: an address
+ * already in use in the process is reported and the mapping fails. The first process of a card
+ * lays the area out; later ones find it laid out.
+ *
+ * Command line. A control process's command line ends with arguments for the system:
+ * argv[argc - 8] is its process health-record number, argv[argc - 7] the period in seconds at
+ * which its monitor refreshes that record, and argv[argc - 1] the size of the shared memory in
+ * bytes (decimal). The arguments between them are not read here.
+ */
+#ifndef KT4_PLATFORM_H
+#define KT4_PLATFORM_H
+
+#include <kt4/common.h>
+
+KT4_BEGIN_DECLS
+
+#define KT4_SHM_NUM_LOCKS 28
+#define KT4_SHM_NUM_RW_LOCKS 2
+#define KT4_SHM_LOCK_KEY_BASE 1028
+#define KT4_SHM_RW_LOCK_KEY_BASE 1084
+
+#define KT4_SHM_RW_LOCK_EVT 1 /* event-log key registry (reader-writer) */
+#define KT4_SHM_LOCK_SWP 2    /* SWP queue table */
+#define KT4_SHM_LOCK_TRACE 4  /* trace-history rings */
+#define KT4_SHM_LOCK_TME 5    /* task table (TME_SYN_SEM) */
+#define KT4_SHM_LOCK_STARTS_TAKEN 25
+
+#define KT4_SHM_BASE_ADDRESS 0x60000000UL
+#define KT4_SHM_NAME_MAX 1024
+
+/* ---- Numbered locks ---------------------------------------------------------------------
+ * Takes return OK once the lock is held (they poll for ever); ERROR only for a number out of
+ * range (reported and asserted) or a lock this process never opened (KT4_InitShmSem).
+ * Gives return the result of the single semop they issue.
+ */
+int KT4_ShmLock(int svc);
+int KT4_ShmUnLock(int svc);
+int KT4_ShmReadLock(int svc);
+int KT4_ShmReadUnLock(int svc);
+int KT4_ShmWriteLock(int svc);
+int KT4_ShmWriteUnLock(int svc);
+
+/* Creates (create != 0, exclusively) or opens every lock and fills this process's lock table.
+ * 0, or -1 when any lock is missing (an id of 0 counts as missing). The other locks are still
+ * created or opened. */
+int KT4_InitShmSem(int create);
+/* One set: semget(key, 1, ...) (key: a System V key_t) and, when creating, SETVAL to value. The id
+ * (or -1) is stored through id. 0 or -1. */
+int CreateSemWithValue(int index, int key, int *id, int create, int value);
+/* Removes every set of the locks and the two sets keyed by ftok on the shared memory file
+ * (project ids 0 and 1). 0, or -1 when a set could not be removed. */
+int KT4_ShmSemRem(void);
+/* Prints this process's lock table; level >= 1 adds the kernel's values and last users. */
+void KT4_ShmLockDebug(int level);
+
+/* ---- Shared memory file and process start-up -------------------------------------------- */
+
+/* The shared memory file's name: without the extension when flag != 0, with ".mem" when 0.
+ * Formed once per process (personality flags 8 and 4 both set in $KT4_PERSONALITY select the
+ * "KT4ShmMMapLp" name). The string belongs to the library. */
+const char *kt4GetShmFileName(int flag);
+/* Maps the shared memory file (size from argv[argc - 1]) once per process. 0 or -1. */
+int KT4_ProcShmInit(int argc, char **argv);
+/* The start-up call of a control process: signal masks, service name, shared memory, locks,
+ * the tasking layer, the health record and the "sysReaper" monitor task. Failed steps are
+ * reported; the call returns 0. */
+int KT4_NbsdpInit(int argc, char **argv);
+/* Closes the health record, runs the task manager's exit for the calling task and ends the
+ * process. */
+void KT4_NbsdpExit(void);
+
+/* Blocks signal sig, given in the switch kernel's numbering (20 SIGCHLD, 30 SIGUSR1, ...),
+ * in the calling thread and so in every task it creates afterwards. 0 or -1. */
+int KT4SigSetMask(int sig);
+/* Records the process's service name (the base name of argv[0]) for its health record and
+ * names the calling thread after it. 0 or -1. */
+int start_serv_process(const char *name);
+
+/* ---- Process health records --------------------------------------------------------------
+ * One record per control process in the shared area, refreshed by the process's "sysReaper"
+ * monitor every period; a health monitor reads them to find processes that stopped
+ * refreshing and children that died.
+ */
+#define KT4_HEALTH_RECORDS 64
+#define KT4_HEALTH_FREE 0
+#define KT4_HEALTH_STARTING 1
+#define KT4_HEALTH_RUNNING 2
+#define KT4_HEALTH_EXITED 3
+
+typedef struct KT4_HEALTH_INFO {
+    int state;               /* KT4_HEALTH_* */
+    int pid;                 /* the process owning the record */
+    int period;              /* refresh period in seconds */
+    uint64_t startTick;      /* tick64Get() when the record was opened */
+    uint64_t lastTick;       /* tick64Get() at the last refresh */
+    uint64_t refreshes;      /* number of refreshes */
+    unsigned childrenReaped; /* children collected by the monitor */
+    int lastChildPid;        /* the last child collected, 0 when none */
+    int lastChildStatus;     /* its wait status */
+    char name[64];           /* the service name */
+} KT4_HEALTH_INFO;
+
+/* Opens record index for this process with the given refresh period (seconds, >= 1). 0/-1. */
+int KT4_HealthOpen(int index, int period);
+/* Refreshes this process's record. 0, or -1 when none is open. */
+int KT4_HealthUpdate(void);
+/* Copies record index. 0, or -1 for a bad index or no shared memory. */
+int KT4_HealthGet(int index, KT4_HEALTH_INFO *info);
+
+KT4_END_DECLS
+
+#endif /* KT4_PLATFORM_H */

@@ -1,0 +1,89 @@
+// Internals shared by the files of the IPC family: reporting, endpoint look-up by key or
+// queue id, the sockets' small helpers, and the hooks between plain IPC, guaranteed IPC and
+// the history ring.
+#pragma once
+
+#include "ipc/header.h"
+#include "ipc/localinfo.h"
+
+#include <kt4/ipc.h>
+
+#include <cstddef>
+#include <cstdint>
+
+namespace kt4::ipc {
+
+inline constexpr int kModIpc = 5;           // module id of IPC in the trace tables
+inline constexpr uint32_t kTraceOpen = 0x1; // trace flags of module 5
+inline constexpr uint32_t kTraceSendWait = 0x8;
+inline constexpr int kMinService = KT4_IPC_MIN_SERVICE;
+inline constexpr int kMaxService = KT4_IPC_MAX_SERVICE;
+inline constexpr uint32_t kAllOnes = 0xFFFFFFFF;
+inline constexpr int kRcvBuf = 129024;
+inline constexpr int kSndBuf = 32768;
+inline constexpr int kBindRetries = 5;
+inline constexpr int kBindRetryTicks = 10;
+inline constexpr int kMaxDatagram = 65535;
+
+// ---- Reporting (module 5) --------------------------------------------------------------
+void report_error(const char *fmt, ...) __attribute__((format(printf, 1, 2)));
+void report_warning(const char *fmt, ...) __attribute__((format(printf, 1, 2)));
+void report_trace(const char *fmt, ...) __attribute__((format(printf, 1, 2)));
+bool trace_on(uint32_t flag);
+// A bad key on a send, reply, receive or send-and-wait path: the numbered system error
+// and the development assertion (which does nothing in a release image).
+void report_bad_key(const char *where, int line);
+// Name of the calling task ("" when it has none).
+const char *self_name();
+uint32_t self_task_id();
+
+// ---- Keys and endpoints ---------------------------------------------------------------
+inline bool service_ok(int service) {
+    return service >= kMinService && service <= kMaxService;
+}
+inline bool key_ok(int key) {
+    return service_ok(key >> 7);
+}
+
+// The record a key (or a queue id: kind bits are ignored) names, or null when this process
+// has none. Large-instance endpoints are found by the key kt4IpcOpen2 returned.
+TaskLocalInfo *ep_for_key(int key);
+// The service (through *service) and instance the key's endpoint was opened with: the key's
+// own for an ordinary endpoint, those given to kt4IpcOpen2 for a large-instance one.
+int endpoint_identity(int key, TaskLocalInfo *rec, int *service);
+// The link of a queue kind (0 and 1: request, 2: response, 3: timer).
+IpcLink *link_of(TaskLocalInfo *rec, int kind);
+// Descriptor of the link of a key's kind, or -1 when it is not open.
+int fd_of(int key);
+// The response-queue semaphore of the key's endpoint (0 when none).
+uint32_t rsp_sem_of(TaskLocalInfo *rec);
+
+// This card's CPU address (kAllOnes when it cannot be formed).
+uint32_t local_addr();
+
+// ---- Sockets ----------------------------------------------------------------------------
+// Sends len bytes to addr:port (host order); the sendto result.
+long send_dgram(int fd, const void *buf, size_t len, uint32_t addr, uint16_t port);
+// Waits until fd is readable: 1 readable, 0 timed out, -1 error (errno; EINTR is returned
+// to the caller, which decides whether it used up a wait). usec < 0 waits for ever.
+int wait_readable(int fd, long usec);
+
+// ---- History ring ---------------------------------------------------------------------
+void hist_record(const void *msg, size_t len);
+
+// ---- Guaranteed IPC hooks -------------------------------------------------------------
+void grt_endpoint_init(int key);
+void grt_endpoint_cleanup(int key);
+// The target record of a message sent from key (same /16: by target queue id, else by
+// address and queue id); null when the endpoint keeps none.
+kt4IpcGTarget *grt_target_for(int key, const Header &h);
+void grt_count_plain(kt4IpcGTarget *t, bool sent);
+// Answers a received message that asks for an acknowledgement (ack_due) over fd.
+void grt_acknowledge(int fd, const Header &h, uint8_t ackCmd);
+
+// ---- Send and wait --------------------------------------------------------------------
+// The exchange itself (the caller holds the endpoint's response-queue semaphore).
+int send_wait_exchange(int key, void *sendBuf, void *replyBuf, int sendLen, int replySize,
+                       int timeout, uint32_t msgType, uint32_t transaction);
+
+} // namespace kt4::ipc

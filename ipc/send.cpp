@@ -1,0 +1,694 @@
+// Sending, replying, receiving and send-and-wait over an endpoint's sockets, and the header
+// accessors of the public interface.
+//
+// Locking: plain send and receive take no lock (each endpoint belongs to one task).
+// Send-and-wait holds the endpoint's response-queue semaphore for the whole exchange; the
+// guaranteed send (grt.cpp) holds the same semaphore, so the two never interleave on one
+// endpoint's response socket.
+#include "ipc/ipc_int.h"
+
+#include <kt4/ipc.h>
+#include <kt4/log.h>
+#include <kt4/tme.h>
+#include <kt4/vx2bsd.h>
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+
+using namespace kt4::ipc;
+
+namespace {
+
+constexpr long kSliceUsec = 500000; // send-and-wait waits in slices of 500 ms
+constexpr int kAnyTaskTimeout = 120;
+
+// The receive notifier: one process-wide (function, argument) pair.
+struct Notifier {
+    kt4IpcRecvNotifier fn;
+    void *arg;
+};
+std::atomic<Notifier *> kt4IpcRecvCallback{nullptr};
+Notifier notifier_slots[2];
+std::atomic<int> notifier_next{0};
+
+void call_notifier(int key) {
+    Notifier *n = kt4IpcRecvCallback.load(std::memory_order_acquire);
+    if (n != nullptr && n->fn != nullptr) n->fn(n->arg, key);
+}
+
+// "NAME(service.instance)" of the task a queue id names, for the texts.
+struct PeerName {
+    uint32_t qid;
+    mutable char text[48] = "";
+    explicit PeerName(uint32_t q) : qid(q) {}
+    // Formed only when a text needs it: the send paths must not pay for their failure texts.
+    const char *str() const {
+        if (text[0] == '\0') {
+            int svc = static_cast<int>(qid_service(qid));
+            std::snprintf(text, sizeof text, "%s(%d.%d)", kt4CodeToText(kt4ServiceToNameTbl, svc),
+                          svc, static_cast<int>(qid_instance(qid)));
+        }
+        return text;
+    }
+};
+
+// An address in dotted form, for the texts.
+struct AddrText {
+    char text[INET_ADDRSTRLEN];
+    explicit AddrText(uint32_t addr) {
+        in_addr a{};
+        a.s_addr = htonl(addr);
+        if (inet_ntop(AF_INET, &a, text, sizeof text) == nullptr) text[0] = '\0';
+    }
+};
+
+long now_usec() {
+    timespec ts;
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    return ts.tv_sec * 1000000L + ts.tv_nsec / 1000;
+}
+
+bool header_fits(int len) {
+    return len >= static_cast<int>(kHeaderLen);
+}
+
+// The response queue id of a key's endpoint (the port its response socket is bound to).
+uint32_t rsp_qid_of(int key, TaskLocalInfo *rec) {
+    int svc = 0;
+    int inst = endpoint_identity(key, rec, &svc);
+    return static_cast<uint32_t>(kt4_getQueueId(svc, inst, KT4_IPC_QUEUE_RSP));
+}
+
+} // namespace
+
+extern "C" {
+
+// ---- Header accessors -------------------------------------------------------------------
+
+uint32_t kt4IpcHdrGet(const void *msg, kt4IpcHdrField field) {
+    const Header *h = hdr(msg);
+    switch (field) {
+    case KT4_IPC_HDR_MAGIC:
+        return h->magic;
+    case KT4_IPC_HDR_CMD_TYPE:
+        return h->cmdType;
+    case KT4_IPC_HDR_CMD_FLAGS:
+        return h->cmdFlags;
+    case KT4_IPC_HDR_GRT_TAG:
+        return h->grtTag;
+    case KT4_IPC_HDR_LENGTH:
+        return h->length;
+    case KT4_IPC_HDR_MSG_TYPE:
+        return h->msgType;
+    case KT4_IPC_HDR_APP0:
+        return h->app[0];
+    case KT4_IPC_HDR_APP1:
+        return h->app[1];
+    case KT4_IPC_HDR_APP2:
+        return h->app[2];
+    case KT4_IPC_HDR_APP3:
+        return h->app[3];
+    case KT4_IPC_HDR_TRANSACTION:
+        return h->transaction;
+    case KT4_IPC_HDR_SRC_SLOT:
+        return h->src.slot;
+    case KT4_IPC_HDR_SRC_ADDR:
+        return h->src.addr;
+    case KT4_IPC_HDR_SRC_QID:
+        return h->src.qid;
+    case KT4_IPC_HDR_TGT_SLOT:
+        return h->tgt.slot;
+    case KT4_IPC_HDR_TGT_ADDR:
+        return h->tgt.addr;
+    case KT4_IPC_HDR_TGT_QID:
+        return h->tgt.qid;
+    }
+    return 0;
+}
+
+void kt4IpcHdrSet(void *msg, kt4IpcHdrField field, uint32_t v) {
+    Header *h = hdr(msg);
+    switch (field) {
+    case KT4_IPC_HDR_MAGIC:
+        h->magic = v;
+        break;
+    case KT4_IPC_HDR_CMD_TYPE:
+        h->cmdType = static_cast<uint8_t>(v);
+        break;
+    case KT4_IPC_HDR_CMD_FLAGS:
+        h->cmdFlags = static_cast<uint8_t>(v);
+        break;
+    case KT4_IPC_HDR_GRT_TAG:
+        h->grtTag = static_cast<uint16_t>(v);
+        break;
+    case KT4_IPC_HDR_LENGTH:
+        h->length = v;
+        break;
+    case KT4_IPC_HDR_MSG_TYPE:
+        h->msgType = v;
+        break;
+    case KT4_IPC_HDR_APP0:
+        h->app[0] = v;
+        break;
+    case KT4_IPC_HDR_APP1:
+        h->app[1] = v;
+        break;
+    case KT4_IPC_HDR_APP2:
+        h->app[2] = v;
+        break;
+    case KT4_IPC_HDR_APP3:
+        h->app[3] = v;
+        break;
+    case KT4_IPC_HDR_TRANSACTION:
+        h->transaction = v;
+        break;
+    case KT4_IPC_HDR_SRC_SLOT:
+        h->src.slot = v;
+        break;
+    case KT4_IPC_HDR_SRC_ADDR:
+        h->src.addr = v;
+        break;
+    case KT4_IPC_HDR_SRC_QID:
+        h->src.qid = v;
+        break;
+    case KT4_IPC_HDR_TGT_SLOT:
+        h->tgt.slot = v;
+        break;
+    case KT4_IPC_HDR_TGT_ADDR:
+        h->tgt.addr = v;
+        break;
+    case KT4_IPC_HDR_TGT_QID:
+        h->tgt.qid = v;
+        break;
+    }
+}
+
+void kt4IpcSetSourceHeader(void *msg, int slot, int service, int instance) {
+    Header *h = hdr(msg);
+    h->src.slot = static_cast<uint32_t>(slot);
+    h->src.addr = local_addr();
+    h->src.qid = static_cast<uint32_t>(kt4_getQueueId(service, instance, KT4_IPC_QUEUE_RSP));
+}
+
+void kt4IpcSetTargetHeader(void *msg, uint32_t address, int slot, int service, int instance) {
+    Header *h = hdr(msg);
+    h->tgt.slot = static_cast<uint32_t>(slot);
+    h->tgt.addr = address;
+    h->tgt.qid = static_cast<uint32_t>(kt4_getQueueId(service, instance, KT4_IPC_QUEUE_REQ));
+}
+
+void kt4IpcSetTargetHeaderToRspQ(void *msg, uint32_t address, int slot, int service, int instance) {
+    Header *h = hdr(msg);
+    h->tgt.slot = static_cast<uint32_t>(slot);
+    h->tgt.addr = address;
+    h->tgt.qid = static_cast<uint32_t>(kt4_getQueueId(service, instance, KT4_IPC_QUEUE_RSP));
+}
+
+int kt4IpcGetSourceHeader(const void *msg, uint32_t *slot, uint32_t *queueId) {
+    const Header *h = hdr(msg);
+    if (h->magic != kMagic) {
+        std::printf("\n\nkt4IpcGetSourceHeader - MAGIC ERROR\n");
+        return -1;
+    }
+    if (slot != nullptr) *slot = h->src.slot;
+    if (queueId != nullptr) *queueId = h->src.qid;
+    return 0;
+}
+
+void kt4IpcSetOrigSourceHeader(void *, int, uint32_t, int) {}
+void kt4IpcSetOrigDestHeader(void *, int, uint32_t, int) {}
+
+void kt4IpcSetIpcPriority(void *msg, int priority) {
+    Header *h = hdr(msg);
+    if (priority == 0)
+        h->cmdType = static_cast<uint8_t>(h->cmdType & ~kCmdPriorityBit);
+    else if (priority == 1)
+        h->cmdType = static_cast<uint8_t>(h->cmdType | kCmdPriorityBit);
+}
+
+void kt4IpcInstallRecvNotifier(kt4IpcRecvNotifier fn, void *arg) {
+    if (fn == nullptr) {
+        kt4IpcRecvCallback.store(nullptr, std::memory_order_release);
+        return;
+    }
+    // Two slots used in turn: a receive loop that has just read the previous pair keeps a
+    // consistent (function, argument) while the new pair is published.
+    Notifier *n = &notifier_slots[notifier_next.fetch_add(1) & 1];
+    n->fn = fn;
+    n->arg = arg;
+    kt4IpcRecvCallback.store(n, std::memory_order_release);
+}
+
+// ---- Sending ------------------------------------------------------------------------------
+
+int kt4IpcNonGuaranteedSend(int key, void *msg, int len) {
+    if (!key_ok(key)) {
+        errno = EBADF;
+        report_error("Send: Task: %s, Invalid IPC key passed %d, errno: %d, errmsg: %s",
+                     self_name(), key, errno, std::strerror(errno));
+        report_bad_key("kt4IpcLib", __LINE__);
+        return -1;
+    }
+    if (msg == nullptr) {
+        errno = EFAULT;
+        report_error("Send: Task: %s, payload is NULL, errno: %d, errmsg: %s", self_name(), errno,
+                     std::strerror(errno));
+        return -1;
+    }
+    if (!header_fits(len)) {
+        errno = EINVAL;
+        report_error("Send: Task: %s, message of %d bytes has no IPC header", self_name(), len);
+        return -1;
+    }
+    TaskLocalInfo *rec = ep_for_key(key);
+    IpcLink *l = rec != nullptr ? link_of(rec, key & 3) : nullptr;
+    if (l == nullptr || l->inUse != 1 || l->protocol != kProtoUdp) {
+        errno = EBADF;
+        return -1;
+    }
+    Header *h = hdr(msg);
+    stamp(h, kCmdDef);
+    uint32_t addr = h->tgt.addr;
+    uint16_t port = qid_port(h->tgt.qid);
+    kt4IpcGTarget *t = kt4IsIpcGDbUpdPossible(msg) ? grt_target_for(key & ~3, *h) : nullptr;
+    long n = send_dgram(static_cast<int>(l->fd.get()), msg, static_cast<size_t>(len), addr, port);
+    if (n < 0) {
+        int e = errno;
+        report_error("Send: Task: %s, sendto Failed, errno: %d, Tgtip: 0x%x, port %d, errmsg: %s",
+                     self_name(), e, addr, port, std::strerror(e));
+        grt_count_plain(t, false);
+        errno = e;
+        return -1;
+    }
+    hist_record(msg, static_cast<size_t>(len));
+    grt_count_plain(t, true);
+    return static_cast<int>(n);
+}
+
+int kt4IpcSend(int key, void *msg, int len) {
+    if (key_ok(key) && msg != nullptr && header_fits(len) && kt4ShdIpcBeGuaranteed(msg, key))
+        return kt4IpcGuaranteedSend(key, msg, len, 1);
+    return kt4IpcNonGuaranteedSend(key, msg, len);
+}
+
+int kt4IpcReply(int key, void *msg, int len) {
+    if (!key_ok(key)) {
+        errno = EBADF;
+        report_error("Reply: Task: %s, Invalid IPC keypassed, errno: %d", self_name(), errno);
+        report_bad_key("kt4IpcLib", __LINE__);
+        return -1;
+    }
+    if (msg == nullptr || !header_fits(len)) {
+        errno = msg == nullptr ? EFAULT : EINVAL;
+        return -1;
+    }
+    Header *h = hdr(msg);
+    swap_triples(h);
+    if ((h->cmdType == kCmdGrtSendFirst || h->cmdType == kCmdGrtSend) &&
+        kt4ShdIpcBeGuaranteed(msg, key)) {
+        int rc = kt4IpcGuaranteedSend(key, msg, len, 2);
+        int e = errno;
+        swap_triples(h);
+        errno = e;
+        return rc;
+    }
+    stamp(h, kCmdRsp);
+    TaskLocalInfo *rec = ep_for_key(key);
+    IpcLink *l = rec != nullptr ? rec->reqLink : nullptr;
+    if (l == nullptr || l->inUse != 1 || l->protocol != kProtoUdp) {
+        errno = EBADF;
+        return -1;
+    }
+    int fd = static_cast<int>(l->fd.get());
+    uint32_t addr = h->tgt.addr;
+    uint16_t port = qid_port(h->tgt.qid);
+    long n = send_dgram(fd, msg, static_cast<size_t>(len), addr, port);
+    if (n < 0) {
+        int e = errno;
+        report_error(
+            "sendto:: Module: %s, errlist: %s, ipcKey: %d, sock: %d, port:%d, addr:0x%x\r\n",
+            "kt4IpcLib", std::strerror(e), key, fd, port, addr);
+        report_error("Reply: Task: %s, sendto Failed, errno: %d", self_name(), e);
+        errno = e;
+        return -1;
+    }
+    hist_record(msg, static_cast<size_t>(len));
+    return static_cast<int>(n);
+}
+
+// ---- Receiving ----------------------------------------------------------------------------
+
+int kt4IpcRecv(int queueId, void *buf, int size, int timeout, uint32_t msgType,
+               uint32_t transaction) {
+    if (!key_ok(queueId)) {
+        errno = EBADF;
+        report_error("GrtRecv: Task: %s, SVC:%d, Inst:%d, Invalid sock passed, errno: %d",
+                     self_name(), queueId >> 7, (queueId & 0x7C) >> 2, errno);
+        report_bad_key("kt4IpcLib", __LINE__);
+        return -1;
+    }
+    TaskLocalInfo *rec = ep_for_key(queueId);
+    IpcLink *l = rec != nullptr ? link_of(rec, queueId & 3) : nullptr;
+    if (l == nullptr || l->inUse != 1) {
+        errno = EBADF;
+        return -1;
+    }
+    int fd = static_cast<int>(l->fd.get());
+    if (l->protocol != kProtoUdp) {
+        report_error("GrtRecv: sock %d is non UDP", fd);
+        errno = EPROTOTYPE;
+        return -1;
+    }
+    if (buf == nullptr || size <= 0) {
+        errno = EFAULT;
+        return -1;
+    }
+    long usec = timeout > 0 ? timeout * 1000000L : -1;
+    for (;;) {
+        call_notifier(queueId & ~3);
+        int w = wait_readable(fd, usec);
+        if (w == 0) {
+            errno = ETIMEDOUT;
+            return -1;
+        }
+        if (w < 0) {
+            if (errno == EINTR) continue;
+            int e = errno;
+            report_error("GrtRecv: select failed on sock %d errno %d", fd, e);
+            errno = e;
+            return -1;
+        }
+        sockaddr_in from{};
+        socklen_t flen = sizeof from;
+        long n = ::recvfrom(fd, buf, static_cast<size_t>(size), 0,
+                            reinterpret_cast<sockaddr *>(&from), &flen);
+        if (n < 0) {
+            if (errno == EINTR) continue;
+            int e = errno;
+            report_error("GrtRecv: recvfrom failed on sock %d, errno %d", fd, e);
+            errno = e;
+            return -1;
+        }
+        size_t len = static_cast<size_t>(n);
+        hist_record(buf, len);
+        RecvVerdict v = classify_recv(buf, len, timeout, msgType, transaction);
+        if (v == RecvVerdict::TooShort) {
+            report_warning("GrtRecv: recv msg NON IPC msg on sock %d len %d: too short", fd,
+                           static_cast<int>(n));
+            continue;
+        }
+        if (v == RecvVerdict::BadMagic) {
+            report_warning("GrtRecv: received non IPC msg on sock %d magic %x, magic no match", fd,
+                           peek_magic(buf, len));
+            continue;
+        }
+        // The sender waits for the acknowledgement whether or not this reader wants the
+        // message: answer before the selection.
+        const Header &h = *hdr(buf);
+        if (uint8_t ack = ack_due(h); ack != 0) grt_acknowledge(fd, h, ack);
+        if (v == RecvVerdict::DropAck) continue;
+        if (v == RecvVerdict::Mismatch) {
+            report_warning("GrtRecv: recv msg mismatch type %d vs %d or trans %d vs %d. Drop it",
+                           static_cast<int>(h.msgType.get()), static_cast<int>(msgType),
+                           static_cast<int>(h.transaction.get()), static_cast<int>(transaction));
+            continue;
+        }
+        return static_cast<int>(n);
+    }
+}
+
+int kt4IpcRecvOnRspQ(int key, void *buf, int size, int timeout, uint32_t msgType,
+                     uint32_t transaction) {
+    return kt4IpcRecv((key & ~3) | KT4_IPC_QUEUE_RSP, buf, size, timeout, msgType, transaction);
+}
+
+int kt4IpcPeekMsg(int queueId, void *buf, int size) {
+    int fd = fd_of(queueId);
+    if (fd < 0 || buf == nullptr || size <= 0) {
+        errno = fd < 0 ? EBADF : EFAULT;
+        return -1;
+    }
+    long n = ::recv(fd, buf, static_cast<size_t>(size), MSG_PEEK | MSG_DONTWAIT);
+    if (n < 0) return -1;
+    size_t len = static_cast<size_t>(n);
+    if (len < kHeaderLen || hdr(buf)->magic != kMagic) {
+        report_warning("GrtRecv: received non IPC msg on sock %d magic %x, magic no match", fd,
+                       peek_magic(buf, len));
+        errno = EBADMSG;
+        return -1;
+    }
+    return static_cast<int>(n);
+}
+
+} // extern "C"
+
+// ---- Send and wait --------------------------------------------------------------------------
+
+namespace kt4::ipc {
+
+int send_wait_exchange(int key, void *sendBuf, void *replyBuf, int sendLen, int replySize,
+                       int timeout, uint32_t msgType, uint32_t transaction) {
+    if (trace_on(kTraceSendWait))
+        report_trace("SndWait: Task: %s, Key: %d, sendPayload: 0x%x, sendLen: %d,recvLen: %d, "
+                     "tmout: %d, type: %d, transaction: %d",
+                     self_name(), key, static_cast<unsigned>(reinterpret_cast<uintptr_t>(sendBuf)),
+                     sendLen, replySize, timeout, static_cast<int>(msgType),
+                     static_cast<int>(transaction));
+    TaskLocalInfo *rec = key_ok(key) ? ep_for_key(key) : nullptr;
+    if (rec == nullptr || rec->reqLink->inUse != 1 || rec->rspLink->inUse != 1) {
+        errno = EBADF;
+        report_error("SndWait: Task: %s, Invalid key passed errno: %d", self_name(), errno);
+        report_bad_key("kt4IpcLib", __LINE__);
+        return -1;
+    }
+    if (sendBuf == nullptr || replyBuf == nullptr || !header_fits(sendLen) || replySize <= 0) {
+        errno = EINVAL;
+        return -1;
+    }
+    Header *h = hdr(sendBuf);
+    PeerName peer(h->tgt.qid);
+    h->src.qid = rsp_qid_of(key, rec);
+    stamp(h, kCmdReq);
+    h->msgType = msgType;
+    h->transaction = transaction;
+    int reqFd = static_cast<int>(rec->reqLink->fd.get());
+    int rspFd = static_cast<int>(rec->rspLink->fd.get());
+    if (timeout < 0) {
+        report_error("SndWait: Invalid Timeout value, tmout=%d. Task: %s, Key: %d, sendPayload: "
+                     "0x%x, sendLen: %d,recvLen: %d, type: %d, transaction: %d \r\n",
+                     timeout, self_name(), key,
+                     static_cast<unsigned>(reinterpret_cast<uintptr_t>(sendBuf)), sendLen,
+                     replySize, static_cast<int>(msgType), static_cast<int>(transaction));
+        errno = EINVAL;
+        return -1;
+    }
+    if (send_dgram(reqFd, sendBuf, static_cast<size_t>(sendLen), h->tgt.addr,
+                   qid_port(h->tgt.qid)) < 0) {
+        int e = errno;
+        report_error(
+            "SndWait: sendto failed on REQ Q, errno: %d msg type %d trans %d to task %s\r\n", e,
+            static_cast<int>(msgType), static_cast<int>(transaction), peer.str());
+        errno = e;
+        return -1;
+    }
+    hist_record(sendBuf, static_cast<size_t>(sendLen));
+
+    // One buffer for request and reply: the reply is read aside and copied over at the end,
+    // so a dropped datagram never clobbers the caller's request.
+    void *rbuf = replyBuf;
+    if (replyBuf == sendBuf) {
+        rbuf = KT4_CALLOC(1, static_cast<size_t>(replySize));
+        if (rbuf == nullptr) {
+            report_error("SndWait: Task: %s, no memory for a reply of %d bytes", self_name(),
+                         replySize);
+            errno = ENOMEM;
+            return -1;
+        }
+    }
+    auto done = [&](int rc) {
+        int e = errno;
+        if (rbuf != replyBuf) {
+            if (rc > 0) std::memcpy(replyBuf, rbuf, static_cast<size_t>(rc));
+            KT4_FREE(rbuf);
+        }
+        errno = e;
+        return rc;
+    };
+
+    const long deadline = now_usec() + timeout * 1000000L;
+    for (;;) {
+        long left = deadline - now_usec();
+        long slice = timeout == 0 ? 0 : (left < kSliceUsec ? (left > 0 ? left : 0) : kSliceUsec);
+        int w = wait_readable(rspFd, slice);
+        if (w < 0 && errno == EINTR) continue; // an interrupted wait does not use up a slice
+        if (w < 0) {
+            int e = errno;
+            report_error("SndWait: select failed on RSP Q, errno: %d when wait for RSP type %d, "
+                         "trans %d from %s.",
+                         e, static_cast<int>(msgType), static_cast<int>(transaction), peer.str());
+            errno = e;
+            return done(-1);
+        }
+        if (w == 0) {
+            if (timeout == 0 || now_usec() >= deadline) {
+                if (timeout == 0)
+                    report_error("SndWait: No RSP from %s, msg type %d trans %d. Caller no wait. "
+                                 "Give up ",
+                                 peer.str(), static_cast<int>(msgType),
+                                 static_cast<int>(transaction));
+                else
+                    report_error(
+                        "SndWait timeout. No RSP from %s for %d sec, msg type %d trans %d. "
+                        "Give up",
+                        peer.str(), timeout, static_cast<int>(msgType),
+                        static_cast<int>(transaction));
+                errno = ETIMEDOUT;
+                return done(-1);
+            }
+            continue;
+        }
+        long n = ::recvfrom(rspFd, rbuf, static_cast<size_t>(replySize), 0, nullptr, nullptr);
+        if (n < 0) {
+            if (errno == EINTR) continue;
+            int e = errno;
+            report_error("SndWait: recvfrom failed on RSP Q, errno: %dwhen wait for RSP type %d "
+                         "trans %d from %s",
+                         e, static_cast<int>(msgType), static_cast<int>(transaction), peer.str());
+            errno = e;
+            return done(-1);
+        }
+        size_t len = static_cast<size_t>(n);
+        hist_record(rbuf, len);
+        ReplyVerdict v = classify_reply(rbuf, len, msgType, transaction);
+        if (v == ReplyVerdict::NonIpc) {
+            report_warning("SndWait: recv non IPC msg on RSP Q: len %d mag %x when wait for RSP "
+                           "type %d trans %d from %s. Drop it",
+                           static_cast<int>(n), peek_magic(rbuf, len), static_cast<int>(msgType),
+                           static_cast<int>(transaction), peer.str());
+            continue;
+        }
+        if (v == ReplyVerdict::IgnoreAck) continue;
+        const Header &r = *hdr(rbuf);
+        PeerName from(r.src.qid);
+        if (v == ReplyVerdict::TakeAny) {
+            report_warning("SndWait: recv msg type %d trans %d cmd: %s from %s when wait for any "
+                           "msg. Take it.",
+                           static_cast<int>(r.msgType.get()), static_cast<int>(r.transaction.get()),
+                           kt4IpcGetCmdTypeName(r.cmdType), from.str());
+            return done(static_cast<int>(n));
+        }
+        if (v == ReplyVerdict::Other) {
+            report_warning("SndWait: recv other msg on RSP Q type %d trans %d cmd %s from %s when "
+                           "wait for RSP type %d trans %d from %s. Drop it",
+                           static_cast<int>(r.msgType.get()), static_cast<int>(r.transaction.get()),
+                           kt4IpcGetCmdTypeName(r.cmdType), from.str(), static_cast<int>(msgType),
+                           static_cast<int>(transaction), peer.str());
+            continue;
+        }
+        return done(static_cast<int>(n));
+    }
+}
+
+} // namespace kt4::ipc
+
+namespace {
+
+// Runs fn holding the key's response-queue semaphore (when the endpoint has one; a bad or
+// unopened key goes straight to fn, which reports it).
+template <typename F> int with_rsp_sem(int key, F fn) {
+    TaskLocalInfo *rec = key_ok(key) ? ep_for_key(key) : nullptr;
+    SEM_ID sem = rec != nullptr ? rsp_sem_of(rec) : 0;
+    if (sem == 0) return fn();
+    KT4_ASSERT_TAG(semTake(sem, WAIT_FOREVER) == OK, "kt4IpcLib");
+    int rc = fn();
+    int e = errno;
+    KT4_ASSERT_TAG(semGive(sem) == OK, "kt4IpcLib");
+    errno = e;
+    return rc;
+}
+
+int any_task_send_wait(uint32_t msgType, void *msg, int len, int service, int instance, void *reply,
+                       int replySize, bool retrying) {
+    if (getSrvcId() == 255) {
+        errno = ENOENT;
+        return -1;
+    }
+    int key = -1;
+    getIpcKey(0, 0, &key);
+    if (msg == nullptr || !header_fits(len)) {
+        errno = EINVAL;
+        return -1;
+    }
+    int status = 0;
+    uint32_t addr = retrying
+                        ? kt4_tmeGetTaskIpAddrByName2(service, instance, &status, KT4_IPC_QUEUE_REQ)
+                        : kt4_tmeGetPeerIpAddrByName(service, instance, &status);
+    if (addr == kAllOnes) {
+        errno = EHOSTUNREACH;
+        return -1;
+    }
+    Header *h = hdr(msg);
+    h->msgType = msgType;
+    h->transaction = 0;
+    h->length = static_cast<uint32_t>(len);
+    h->app[1] = 0;
+    h->src.slot = 0;
+    h->src.addr = local_addr();
+    h->tgt.slot = 0;
+    h->tgt.addr = addr;
+    h->tgt.qid = static_cast<uint32_t>(kt4_getQueueId(service, instance, KT4_IPC_QUEUE_REQ));
+    int rc =
+        kt4IpcSendWaitWithRetry(key, msg, reply, len, replySize, kAnyTaskTimeout, msgType, 0, 0);
+    if (rc < 0) return -1;
+    if (trace_on(kTraceSendWait))
+        report_trace("%s: task %s sent mtype %d to svceTarget %d(instTarget: %d), reply OK!\r\n",
+                     retrying ? "anyTaskIpcSendAndWait2" : "anyTaskIpcSendAndWait", self_name(),
+                     static_cast<int>(msgType), service, instance);
+    return 0;
+}
+
+} // namespace
+
+extern "C" {
+
+int kt4IpcSendWait(int key, void *buf, int len, int timeout, uint32_t msgType,
+                   uint32_t transaction) {
+    return with_rsp_sem(key, [&] {
+        return send_wait_exchange(key, buf, buf, len, len, timeout, msgType, transaction);
+    });
+}
+
+int kt4IpcSendWaitWithRetry(int key, void *sendBuf, void *replyBuf, int sendLen, int replySize,
+                            int timeout, uint32_t msgType, uint32_t transaction, int retries) {
+    if (retries < 0) {
+        errno = EINVAL;
+        return -1;
+    }
+    return with_rsp_sem(key, [&] {
+        int rc = send_wait_exchange(key, sendBuf, replyBuf, sendLen, replySize, timeout, msgType,
+                                    transaction);
+        for (int again = 0; rc == -1 && again < retries; ++again)
+            rc = send_wait_exchange(key, sendBuf, replyBuf, sendLen, replySize, timeout, msgType,
+                                    transaction);
+        return rc;
+    });
+}
+
+int anyTaskIpcSendAndWait(uint32_t msgType, void *msg, int len, int service, int instance,
+                          void *reply, int replySize) {
+    return any_task_send_wait(msgType, msg, len, service, instance, reply, replySize, false);
+}
+
+int anyTaskIpcSendAndWait2(uint32_t msgType, void *msg, int len, int service, int instance,
+                           void *reply, int replySize) {
+    return any_task_send_wait(msgType, msg, len, service, instance, reply, replySize, true);
+}
+
+} // extern "C"

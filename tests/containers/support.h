@@ -1,0 +1,70 @@
+// Helpers shared by the container tests: output capture and assertion spotting.
+#pragma once
+
+#include <kt4/log.h>
+
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <string>
+
+namespace ctrtest {
+
+// Captures what the library writes to standard output (dumps, prints) while alive.
+class StdoutCapture {
+  public:
+    StdoutCapture() {
+        std::fflush(stdout);
+        ::testing::internal::CaptureStdout();
+    }
+    std::string take() {
+        std::fflush(stdout);
+        done_ = true;
+        return ::testing::internal::GetCapturedStdout();
+    }
+    ~StdoutCapture() {
+        if (!done_) take();
+    }
+
+  private:
+    bool done_ = false;
+};
+
+// Captures the assertion reports while alive: they go to the trace channel, which echoes
+// them to standard output while local printing is on (standard error is taken as well).
+class AssertCapture {
+  public:
+    AssertCapture() {
+        std::fflush(stdout);
+        std::fflush(stderr);
+        kt4TracePrintOn();
+        ::testing::internal::CaptureStdout();
+        ::testing::internal::CaptureStderr();
+    }
+    std::string take() {
+        std::fflush(stdout);
+        std::fflush(stderr);
+        done_ = true;
+        text_ = ::testing::internal::GetCapturedStdout();
+        text_ += ::testing::internal::GetCapturedStderr();
+        kt4TracePrintOff();
+        return text_;
+    }
+    ~AssertCapture() {
+        if (!done_) take();
+    }
+    // Number of reports naming exactly this expression.
+    static int count(const std::string &text, const std::string &expr) {
+        int n = 0;
+        const std::string quoted = "'" + expr + "'";
+        for (size_t p = text.find(quoted); p != std::string::npos; p = text.find(quoted, p + 1))
+            ++n;
+        return n;
+    }
+
+  private:
+    bool done_ = false;
+    std::string text_;
+};
+
+} // namespace ctrtest

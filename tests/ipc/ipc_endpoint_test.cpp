@@ -1,0 +1,169 @@
+// Endpoints: opening, closing, queues and their sockets' options.
+#include "ipc_test_util.h"
+
+#include <kt4/ipc.h>
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <chrono>
+#include <thread>
+
+namespace {
+
+using ipctest::fresh_service;
+using ipctest::port_of;
+using ipctest::RawSock;
+
+TEST(IpcEndpoint, OpenIsIdempotentAndCloseFreesThePorts) {
+    const int svc = fresh_service();
+    const int key = kt4IpcOpen(svc, 3);
+    ASSERT_EQ((svc << 7) | (3 << 2), key);
+    const int reqFd = Key_getSocketFd(key | 1);
+    ASSERT_GE(reqFd, 0);
+    EXPECT_EQ(key, kt4IpcOpen(svc, 3)); // nothing new is created
+    EXPECT_EQ(reqFd, Key_getSocketFd(key | 1));
+    EXPECT_EQ(1, kt4IpcIsOpen(svc, 3));
+    EXPECT_EQ(0, kt4IpcIsOpen(svc, 4));
+    EXPECT_EQ(0, kt4IpcIsOpen(12, 3));
+    EXPECT_EQ(0, kt4IpcIsOpen(svc, 32));
+    EXPECT_EQ(key | 1, Key_getReqQueue(key));
+    EXPECT_EQ(key | 2, Key_getRspQueue(key));
+    EXPECT_EQ(0, Key_getTmrQueue(key));
+    EXPECT_EQ(key | 1, Key_getAllQueue(key));
+
+    // The sockets are bound where the queue ids say: a plain socket cannot take the ports.
+    RawSock squat(port_of(svc, 3, 1), false);
+    EXPECT_FALSE(squat.bound());
+
+    EXPECT_EQ(key, kt4IpcTmrOpen(svc, 3));
+    EXPECT_EQ(key | 3, Key_getTmrQueue(key));
+    EXPECT_GE(Key_getSocketFd(key | 3), 0);
+
+    EXPECT_EQ(0, kt4IpcClose(key));
+    EXPECT_EQ(0, kt4IpcIsOpen(svc, 3));
+    EXPECT_EQ(0, Key_getReqQueue(key));
+    EXPECT_EQ(-1, Key_getSocketFd(key | 1));
+    for (int kind = 1; kind <= 3; ++kind) {
+        RawSock after(port_of(svc, 3, kind), false);
+        EXPECT_TRUE(after.bound()) << "kind " << kind;
+    }
+    EXPECT_EQ(-1, kt4IpcClose(key)); // never opened again
+    EXPECT_EQ(-1, kt4IpcClose(12 << 7));
+    EXPECT_EQ(-1, kt4IpcClose(364 << 7));
+    // An endpoint can be opened again after its close.
+    EXPECT_EQ(key, kt4IpcOpen(svc, 3));
+    EXPECT_EQ(0, kt4IpcClose(key));
+}
+
+TEST(IpcEndpoint, OpenRefusesRecordsThisProcessDoesNotHold) {
+    EXPECT_EQ(-1, kt4IpcOpen(fresh_service(), 32));
+    EXPECT_EQ(-1, kt4IpcOpen(400, 0));
+    // Large instances need the secondary address and a large-instance record.
+    EXPECT_EQ(-1, kt4IpcOpen2(fresh_service(), 47));
+    EXPECT_EQ(-1, kt4IpcOpen2(fresh_service(), 48));
+}
+
+TEST(IpcEndpoint, LargeInstanceOnTheSecondaryAddress) {
+    const int svc = fresh_service();
+    std::vector<kt4IpcProcInstRow> rows(364);
+    for (uint32_t s = 0; s < 364; ++s)
+        rows[s] = {s, 32, 0, 0};
+    rows[static_cast<size_t>(svc)].largeInstances = 1; // one large-instance record
+    ASSERT_EQ(0, kt4IpcLoadMaxInstPerProcessTbl(rows.data(), 364));
+    kt4IpcSetSecondaryIpcAddress(0xFFFFFFFF);
+    EXPECT_EQ(-1, kt4IpcOpen2(svc, 100));                         // no secondary address yet
+    const uint32_t secondary = kt4IpcGetLocalCpuIpAddr() + 0x100; // the next /24 of the card
+    kt4IpcSetSecondaryIpcAddress(secondary);
+    const int key = kt4IpcOpen2(svc, 100);
+    ASSERT_EQ((svc << 7) | (100 << 2), key);
+    EXPECT_EQ(key, kt4IpcOpen2(svc, 100));
+    sockaddr_in sa{};
+    socklen_t len = sizeof sa;
+    ASSERT_EQ(0, getsockname(Key_getSocketFd(key | 2), reinterpret_cast<sockaddr *>(&sa), &len));
+    EXPECT_EQ(secondary, ntohl(sa.sin_addr.s_addr));
+    EXPECT_EQ(0xA702, ntohs(sa.sin_port));
+    EXPECT_EQ(0, kt4IpcClose(key));
+    EXPECT_EQ(-1, Key_getSocketFd(key | 1));
+    kt4IpcSetSecondaryIpcAddress(0xFFFFFFFF);
+    kt4IpcResetMaxInstPerProcessTbl();
+}
+
+TEST(IpcEndpoint, BufferLimitsAndBroadcastAreKeptInTheLink) {
+    const int svc = fresh_service();
+    const int key = kt4IpcOpen(svc, 0);
+    ASSERT_GT(key, 0);
+    int err = -1;
+    // What the socket reports back is kept (the host may round or double it).
+    EXPECT_GE(kt4IpcGetRecvBufferLimit(key | 1, &err), 129024);
+    EXPECT_EQ(0, err);
+    EXPECT_GE(kt4IpcGetSendBufferLimit(key | 1, &err), 32768);
+    ASSERT_EQ(0, kt4IpcSetRecvBufferLimit(key | 1, 65536, &err));
+    const int rcv = kt4IpcGetRecvBufferLimit(key | 1, &err);
+    EXPECT_GE(rcv, 65536);
+    EXPECT_LT(rcv, 129024 * 2);
+    ASSERT_EQ(0, kt4IpcSetSendBufferLimit(key | 1, 16384, &err));
+    EXPECT_GE(kt4IpcGetSendBufferLimit(key | 1, &err), 16384);
+    EXPECT_LT(kt4IpcGetSendBufferLimit(key | 1, &err), 32768 * 2);
+    ASSERT_EQ(0, kt4IpcSetRecvBufferLimitOfRspQ(key, 70000, &err));
+    EXPECT_GE(kt4IpcGetRecvBufferLimit(key | 2, &err), 70000);
+
+    int on = 0;
+    socklen_t len = sizeof on;
+    ASSERT_EQ(0, kt4IpcEnableBroadcast(key | 1, &err));
+    ASSERT_EQ(0, kt4IpcEnableBroadcast(key | 1, &err));
+    getsockopt(Key_getSocketFd(key | 1), SOL_SOCKET, SO_BROADCAST, &on, &len);
+    EXPECT_EQ(1, on);
+    ASSERT_EQ(0, kt4IpcDisableBroadcast(key | 1, &err));
+    getsockopt(Key_getSocketFd(key | 1), SOL_SOCKET, SO_BROADCAST, &on, &len);
+    EXPECT_EQ(0, on);
+
+    EXPECT_EQ(-1, kt4IpcGetRecvBufferLimit(key | 3, &err)); // no timer queue
+    EXPECT_EQ(EBADF, err);
+    EXPECT_EQ(-1, kt4IpcEnableBroadcast(key | 3, &err));
+    EXPECT_EQ(0, kt4IpcClose(key));
+    EXPECT_EQ(-1, kt4IpcSetRecvBufferLimit(key | 1, 65536, &err));
+}
+
+TEST(IpcEndpoint, BindRetriesWhileThePortIsHeld) {
+    const int svc = fresh_service();
+    // Held for good: five retries of ten ticks each, then the open fails.
+    {
+        RawSock holder(port_of(svc, 1, 1), false);
+        ASSERT_TRUE(holder.bound());
+        auto t0 = std::chrono::steady_clock::now();
+        EXPECT_EQ(-1, kt4IpcOpen(svc, 1));
+        double took = ipctest::seconds_since(t0);
+        EXPECT_GT(took, 0.9);
+        EXPECT_LT(took, 5.0);
+    }
+    // Released during the retries: the open succeeds.
+    auto holder = std::make_unique<RawSock>(port_of(svc, 2, 1), false);
+    ASSERT_TRUE(holder->bound());
+    std::thread release([&] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(300));
+        holder->close();
+    });
+    const int key = kt4IpcOpen(svc, 2);
+    release.join();
+    EXPECT_EQ((svc << 7) | (2 << 2), key);
+    EXPECT_EQ(0, kt4IpcClose(key));
+}
+
+TEST(IpcEndpoint, ProcessCleanupForgetsButDoesNotClose) {
+    const int svc = fresh_service();
+    const int key = kt4IpcOpen(svc, 5);
+    ASSERT_GT(key, 0);
+    const int fd = Key_getSocketFd(key | 1);
+    const int rspFd = Key_getSocketFd(key | 2);
+    kt4IpcProcessCleanup(key);
+    EXPECT_EQ(0, kt4IpcIsOpen(svc, 5));
+    EXPECT_EQ(-1, Key_getSocketFd(key | 1));
+    int type = 0;
+    socklen_t len = sizeof type;
+    EXPECT_EQ(0, getsockopt(fd, SOL_SOCKET, SO_TYPE, &type, &len)); // still open
+    ::close(fd);
+    ::close(rspFd);
+}
+
+} // namespace

@@ -1,0 +1,274 @@
+// Guaranteed IPC: the decision, acknowledged sends, retries against a silent receiver,
+// sequence tags, the older "GRT" form, and the counters.
+#include "ipc_test_util.h"
+
+#include <kt4/ipc.h>
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <string>
+#include <thread>
+
+namespace {
+
+using ipctest::fresh_service;
+using ipctest::make_msg;
+using ipctest::port_of;
+using ipctest::RawSock;
+using ipctest::seconds_since;
+
+class Grt : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        kt4IpcGuaranteedEnDis(1);
+        svcA = fresh_service();
+        svcB = fresh_service();
+        keyA = kt4IpcOpen(svcA, 1);
+        ASSERT_GT(keyA, 0);
+    }
+    void TearDown() override {
+        kt4IpcClose(keyA);
+        if (keyB > 0) kt4IpcClose(keyB);
+    }
+    kt4IpcGTargetStats stats_to(int svc, int inst) const {
+        kt4IpcGTargetStats s{};
+        EXPECT_EQ(0, kt4GuaranteedIpcGetTargetStats(
+                         kt4GuaranteedIpcGetTargetDBPtr(keyA, kt4_getQueueId(svc, inst, 1)), &s));
+        return s;
+    }
+    // An acknowledgement of msg as its receiver would send it to A's response queue.
+    static void ack(const RawSock &s, const std::vector<unsigned char> &msg, uint32_t cmd) {
+        std::vector<unsigned char> a(60, 0);
+        kt4IpcHdrSet(a.data(), KT4_IPC_HDR_MAGIC, KT4_IPC_MAGIC);
+        kt4IpcHdrSet(a.data(), KT4_IPC_HDR_CMD_TYPE, cmd);
+        for (auto f : {KT4_IPC_HDR_GRT_TAG, KT4_IPC_HDR_MSG_TYPE, KT4_IPC_HDR_TRANSACTION})
+            kt4IpcHdrSet(a.data(), f, kt4IpcHdrGet(msg.data(), f));
+        std::memcpy(a.data() + 36, msg.data() + 48, 12);
+        std::memcpy(a.data() + 48, msg.data() + 36, 12);
+        s.send_to(static_cast<uint16_t>(kt4IpcHdrGet(msg.data(), KT4_IPC_HDR_SRC_QID)), a.data(),
+                  60);
+    }
+    int svcA = 0, svcB = 0, keyA = -1, keyB = -1;
+};
+
+TEST_F(Grt, DecisionRulesInTheirOrder) {
+    auto yes = make_msg(80, 1, 1, svcA, 1, svcB, 0);
+    EXPECT_EQ(1, kt4ShdIpcBeGuaranteed(yes.data(), keyA));
+    EXPECT_EQ(1, kt4IsIpcGDbUpdPossible(yes.data()));
+
+    auto to_self = make_msg(80, 1, 1, svcA, 1, svcA, 1);
+    EXPECT_EQ(1, kt4IpcGChkSameSvcId(to_self.data()));
+    EXPECT_EQ(0, kt4ShdIpcBeGuaranteed(to_self.data(), keyA));
+    for (int svc : {253, 334, 254, 24, 26, 102, 106, 37}) {
+        auto m = make_msg(80, 1, 1, svcA, 1, svc, 0);
+        EXPECT_EQ(0, kt4ShdIpcBeGuaranteed(m.data(), keyA)) << "target " << svc;
+    }
+    auto far = yes;
+    kt4IpcHdrSet(far.data(), KT4_IPC_HDR_TGT_ADDR, 0x0A000001); // 10.0.0.1
+    EXPECT_EQ(0, kt4ShdIpcBeGuaranteed(far.data(), keyA));
+    EXPECT_EQ(1, kt4IsIpcGDbUpdPossible(far.data()));
+    kt4IpcHdrSet(far.data(), KT4_IPC_HDR_TGT_ADDR, 0xFFFFFFFF);
+    EXPECT_EQ(0, kt4IsIpcGDbUpdPossible(far.data()));
+    auto low = make_msg(80, 1, 1, svcA, 1, 12, 0);
+    EXPECT_EQ(0, kt4IsIpcGDbUpdPossible(low.data()));
+    // The source must be the key's own endpoint.
+    auto foreign = make_msg(80, 1, 1, svcB, 3, svcA + 100, 0);
+    EXPECT_EQ(0, kt4IpcSourceUsedIsCorrect(foreign.data(), keyA));
+    EXPECT_EQ(0, kt4ShdIpcBeGuaranteed(foreign.data(), keyA));
+    EXPECT_EQ(0, kt4ShdIpcBeGuaranteed(yes.data(), (svcB << 7) | (9 << 2))); // not open here
+    kt4IpcGuaranteedEnDis(0);
+    EXPECT_EQ(0u, kt4IsIpcGuaranteedEnabled());
+    EXPECT_EQ(0, kt4ShdIpcBeGuaranteed(yes.data(), keyA));
+    kt4IpcGuaranteedEnDis(1);
+}
+
+TEST_F(Grt, SourceService334MayBeGuaranteed) {
+    // 334 is refused as a target only. Its queue ids fall on the large-instance ports, so
+    // this process must own the endpoint (334, 0) for the check of the source to pass.
+    const int key334 = kt4IpcOpen(334, 0);
+    ASSERT_EQ(334 << 7, key334);
+    auto m = make_msg(80, 1, 1, 334, 0, svcB, 0);
+    EXPECT_EQ(1, kt4ShdIpcBeGuaranteed(m.data(), key334));
+    kt4IpcClose(key334);
+}
+
+TEST_F(Grt, AcknowledgedByTheReceiverWithAdvancingTags) {
+    keyB = kt4IpcOpen(svcB, 0);
+    ASSERT_GT(keyB, 0);
+    std::vector<uint32_t> cmds, tags;
+    std::thread server([&] {
+        unsigned char in[256];
+        for (int i = 0; i < 3; ++i) {
+            if (kt4IpcRecv(keyB | 1, in, sizeof in, 3, 0, 0) < 60) return;
+            cmds.push_back(kt4IpcHdrGet(in, KT4_IPC_HDR_CMD_TYPE));
+            tags.push_back(kt4IpcHdrGet(in, KT4_IPC_HDR_GRT_TAG));
+        }
+    });
+    for (uint32_t i = 0; i < 3; ++i) {
+        auto m = make_msg(100, 70, i, svcA, 1, svcB, 0);
+        EXPECT_EQ(100, kt4IpcSend(keyA, m.data(), 100));
+    }
+    server.join();
+    EXPECT_EQ((std::vector<uint32_t>{KT4_IPC_CMD_GUARANTEED_SEND_FIRST, KT4_IPC_CMD_GUARANTEED_SEND,
+                                     KT4_IPC_CMD_GUARANTEED_SEND}),
+              cmds);
+    EXPECT_EQ((std::vector<uint32_t>{0, 1, 2}), tags);
+    kt4IpcGTargetStats s = stats_to(svcB, 0);
+    EXPECT_EQ(3u, s.successes);
+    EXPECT_EQ(0u, s.retriesTry1 + s.retriesTry2 + s.failures);
+    EXPECT_EQ(3, s.sequence);
+    EXPECT_EQ(0, s.flags & KT4_IPCG_FLAG_FIRST);
+    EXPECT_GT(kt4GetIpcGrnteedSendDBMemUsed(), 0u);
+
+    // A plain send to the same target is counted in the same record.
+    auto p = make_msg(100, 70, 9, svcA, 1, svcB, 0);
+    EXPECT_EQ(100, kt4IpcNonGuaranteedSend(keyA, p.data(), 100));
+    EXPECT_EQ(1u, stats_to(svcB, 0).plainSends);
+    testing::internal::CaptureStdout();
+    getProcessIPCGStats();
+    std::string out = testing::internal::GetCapturedStdout();
+    EXPECT_NE(std::string::npos, out.find("Guaranteed IPC: enabled"));
+    EXPECT_NE(std::string::npos, out.find(std::to_string(keyA)));
+}
+
+TEST_F(Grt, RetriedThreeTimesWhenTheReceiverStaysSilent) {
+    RawSock silent(port_of(svcB, 0, 1));
+    ASSERT_TRUE(silent.bound());
+    auto m = make_msg(90, 71, 1, svcA, 1, svcB, 0);
+    kt4IpcHdrSet(m.data(), KT4_IPC_HDR_APP2, 5);
+    auto t0 = std::chrono::steady_clock::now();
+    errno = 0;
+    EXPECT_EQ(-1, kt4IpcSend(keyA, m.data(), 90));
+    EXPECT_GT(seconds_since(t0), 2.7); // three one-second waits
+    EXPECT_LT(seconds_since(t0), 6.0);
+    int seen = 0;
+    for (auto d = silent.recv(50); !d.empty(); d = silent.recv(50)) {
+        ++seen;
+        EXPECT_EQ(static_cast<uint32_t>(KT4_IPC_CMD_GUARANTEED_SEND_FIRST),
+                  kt4IpcHdrGet(d.data(), KT4_IPC_HDR_CMD_TYPE));
+        EXPECT_EQ(0u, kt4IpcHdrGet(d.data(), KT4_IPC_HDR_GRT_TAG));
+    }
+    EXPECT_EQ(3, seen);
+    kt4IpcGTargetStats s = stats_to(svcB, 0);
+    EXPECT_EQ(1u, s.retriesTry1);
+    EXPECT_EQ(1u, s.retriesTry2);
+    EXPECT_EQ(1u, s.failures);
+    EXPECT_EQ(1, s.sequence); // a failure uses up its tag too
+    EXPECT_NE(0, s.flags & KT4_IPCG_FLAG_FIRST);
+
+    // Now the receiver answers only the second try; tricky datagrams arrive first.
+    std::thread peer([&] {
+        auto first = silent.recv(3000);
+        auto second = silent.recv(3000);
+        if (second.size() < 60) return;
+        unsigned char junk[60] = {};
+        const uint16_t back =
+            static_cast<uint16_t>(kt4IpcHdrGet(second.data(), KT4_IPC_HDR_SRC_QID));
+        silent.send_to(back, junk, 30);          // truncated
+        silent.send_to(back, second.data(), 59); // truncated acknowledgement
+        auto wrong = second;
+        kt4IpcHdrSet(wrong.data(), KT4_IPC_HDR_GRT_TAG, 0); // last stream's tag
+        ack(silent, wrong, KT4_IPC_CMD_GUARANTEED_ACK_FIRST);
+        ack(silent, second, KT4_IPC_CMD_GUARANTEED_ACK); // wrong kind for a first message
+        ack(silent, second, KT4_IPC_CMD_GUARANTEED_ACK_FIRST);
+    });
+    auto m2 = make_msg(90, 71, 2, svcA, 1, svcB, 0);
+    EXPECT_EQ(90, kt4IpcSend(keyA, m2.data(), 90));
+    peer.join();
+    s = stats_to(svcB, 0);
+    EXPECT_EQ(1u, s.successes);
+    EXPECT_EQ(2u, s.retriesTry1);
+    EXPECT_EQ(2, s.sequence);
+    EXPECT_EQ(0, s.flags & KT4_IPCG_FLAG_FIRST);
+}
+
+TEST_F(Grt, SequenceTagsWrapAtSixteenBits) {
+    RawSock responder(port_of(svcB, 0, 1));
+    ASSERT_TRUE(responder.bound());
+    constexpr int kSends = 65536 + 3;
+    std::atomic<int> badTags{0};
+    std::thread peer([&] {
+        for (int i = 0; i < kSends; ++i) {
+            auto d = responder.recv(3000);
+            if (d.size() < 60) return;
+            if (kt4IpcHdrGet(d.data(), KT4_IPC_HDR_GRT_TAG) != static_cast<uint32_t>(i & 0xFFFF))
+                ++badTags;
+            ack(responder, d,
+                kt4IpcHdrGet(d.data(), KT4_IPC_HDR_CMD_TYPE) == KT4_IPC_CMD_GUARANTEED_SEND_FIRST
+                    ? KT4_IPC_CMD_GUARANTEED_ACK_FIRST
+                    : KT4_IPC_CMD_GUARANTEED_ACK);
+        }
+    });
+    auto m = make_msg(60, 72, 0, svcA, 1, svcB, 0);
+    int ok = 0;
+    for (int i = 0; i < kSends; ++i)
+        ok += kt4IpcSend(keyA, m.data(), 60) == 60;
+    peer.join();
+    EXPECT_EQ(kSends, ok);
+    EXPECT_EQ(0, badTags.load());
+    kt4IpcGTargetStats s = stats_to(svcB, 0);
+    EXPECT_EQ(3, s.sequence);
+    EXPECT_EQ(static_cast<uint32_t>(kSends), s.successes);
+}
+
+TEST_F(Grt, GuaranteedReplyIsAcknowledgedOnTheResponseQueue) {
+    keyB = kt4IpcOpen(svcB, 0);
+    ASSERT_GT(keyB, 0);
+    std::atomic<int> replied{0};
+    std::thread server([&] {
+        unsigned char in[256];
+        int n = kt4IpcRecv(keyB | 1, in, sizeof in, 3, 0, 0);
+        if (n >= 60) replied = kt4IpcReply(keyB, in, n);
+    });
+    auto m = make_msg(100, 73, 1, svcA, 1, svcB, 0);
+    ASSERT_EQ(100, kt4IpcSend(keyA, m.data(), 100));
+    unsigned char in[256];
+    ASSERT_EQ(100, kt4IpcRecvOnRspQ(keyA, in, sizeof in, 3, 73, 1));
+    server.join();
+    EXPECT_EQ(100, replied.load()); // acknowledged, not given up
+    EXPECT_EQ(static_cast<uint32_t>(KT4_IPC_CMD_GUARANTEED_SEND_FIRST),
+              kt4IpcHdrGet(in, KT4_IPC_HDR_CMD_TYPE));
+}
+
+TEST_F(Grt, OlderGrtFormMatchesTypeAndTransaction) {
+    keyB = kt4IpcOpen(svcB, 0);
+    ASSERT_GT(keyB, 0);
+    std::thread server([&] {
+        unsigned char in[256];
+        kt4IpcRecv(keyB | 1, in, sizeof in, 3, 0, 0);
+    });
+    auto m = make_msg(80, 74, 6, svcA, 1, svcB, 0);
+    EXPECT_EQ(80, kt4IpcGuaranteeSend(keyA, m.data(), 80, 74, 6));
+    server.join();
+    EXPECT_EQ(static_cast<uint32_t>(KT4_IPC_CMD_GRT), kt4IpcHdrGet(m.data(), KT4_IPC_HDR_CMD_TYPE));
+
+    // Unanswered: three tries numbered in the flags, then -1.
+    const int svcX = fresh_service();
+    RawSock silent(port_of(svcX, 0, 1));
+    auto q = make_msg(80, 75, 7, svcA, 1, svcX, 0);
+    EXPECT_EQ(-1, kt4IpcGuaranteeSend(keyA, q.data(), 80, 75, 7));
+    for (uint32_t flag = 1; flag <= 3; ++flag) {
+        auto d = silent.recv(100);
+        ASSERT_EQ(80u, d.size());
+        EXPECT_EQ(flag, kt4IpcHdrGet(d.data(), KT4_IPC_HDR_CMD_FLAGS));
+    }
+}
+
+TEST_F(Grt, BadInputs) {
+    auto m = make_msg(80, 1, 1, svcA, 1, svcB, 0);
+    EXPECT_EQ(-1, kt4IpcGuaranteedSend(keyA, nullptr, 80, 1));
+    EXPECT_EQ(-1, kt4IpcGuaranteedSend(12 << 7, m.data(), 80, 1));
+    EXPECT_EQ(nullptr, kt4GuaranteedIpcGetTargetDBPtr((svcB << 7) | (20 << 2), 0x1234));
+    EXPECT_EQ(-1, kt4GuaranteedIpcGetTargetStats(nullptr, nullptr));
+    // The records of an endpoint go with its close.
+    ASSERT_NE(nullptr, kt4GuaranteedIpcGetTargetDBPtrExtended(keyA, 0x0A000001, 0x1234));
+    uint32_t used = kt4GetIpcGrnteedSendDBMemUsed();
+    kt4IpcClose(keyA);
+    EXPECT_LT(kt4GetIpcGrnteedSendDBMemUsed(), used);
+    keyA = kt4IpcOpen(svcA, 1);
+}
+
+} // namespace

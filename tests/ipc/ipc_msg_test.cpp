@@ -1,0 +1,356 @@
+// Messages between endpoints of one process: plain send and receive with selection, reply
+// by exchange, send-and-wait, peek, the notifier, garbage on every receive path, history.
+#include "ipc_test_util.h"
+
+#include <kt4/ipc.h>
+#include <kt4/log.h>
+#include <kt4/vx2bsd.h>
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <string>
+#include <thread>
+
+namespace {
+
+using ipctest::fresh_service;
+using ipctest::make_msg;
+using ipctest::port_of;
+using ipctest::RawSock;
+using ipctest::seconds_since;
+using Clock = std::chrono::steady_clock;
+
+// Two endpoints, A (the client) and B (the server), opened by the test.
+class IpcPair : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        svcA = fresh_service();
+        svcB = fresh_service();
+        keyA = kt4IpcOpen(svcA, 1);
+        keyB = kt4IpcOpen(svcB, 2);
+        ASSERT_GT(keyA, 0);
+        ASSERT_GT(keyB, 0);
+    }
+    void TearDown() override {
+        kt4IpcClose(keyA);
+        kt4IpcClose(keyB);
+    }
+    std::vector<unsigned char> a_to_b(int len, uint32_t type, uint32_t trans) const {
+        return make_msg(len, type, trans, svcA, 1, svcB, 2);
+    }
+    int svcA = 0, svcB = 0, keyA = -1, keyB = -1;
+};
+
+TEST_F(IpcPair, PlainSendAndSelectiveReceive) {
+    auto wrong = a_to_b(100, 7, 8);
+    auto right = a_to_b(120, 7, 9);
+    kt4IpcSetIpcPriority(right.data(), 1); // the send path writes the byte whole
+    ASSERT_EQ(100, kt4IpcNonGuaranteedSend(keyA, wrong.data(), 100));
+    ASSERT_EQ(120, kt4IpcNonGuaranteedSend(keyA, right.data(), 120));
+    // Bytes waiting, not a count of messages.
+    EXPECT_GE(kt4IpcGetNumMsgs(keyB | 1), 100);
+
+    std::vector<unsigned char> buf(2048);
+    ASSERT_EQ(120, kt4IpcRecv(keyB | 1, buf.data(), 2048, 2, 7, 9)); // the first is dropped
+    EXPECT_EQ(KT4_IPC_MAGIC, kt4IpcHdrGet(buf.data(), KT4_IPC_HDR_MAGIC));
+    EXPECT_EQ(0u, kt4IpcHdrGet(buf.data(), KT4_IPC_HDR_CMD_TYPE));
+    EXPECT_EQ(0, std::memcmp(buf.data() + 60, right.data() + 60, 60));
+    EXPECT_EQ(0, kt4IpcGetNumMsgs(keyB | 1));
+
+    // Any message when type and transaction are both 0; a time-out otherwise.
+    ASSERT_EQ(100, kt4IpcNonGuaranteedSend(keyA, wrong.data(), 100));
+    EXPECT_EQ(100, kt4IpcRecv(keyB | 1, buf.data(), 2048, 1, 0, 0));
+    auto t0 = Clock::now();
+    errno = 0;
+    EXPECT_EQ(-1, kt4IpcRecv(keyB | 1, buf.data(), 2048, 1, 0, 0));
+    EXPECT_EQ(ETIMEDOUT, errno);
+    EXPECT_GT(seconds_since(t0), 0.9);
+    EXPECT_LT(seconds_since(t0), 3.0);
+}
+
+TEST_F(IpcPair, BadArgumentsOnEverySendPath) {
+    auto m = a_to_b(80, 1, 1);
+    errno = 0;
+    EXPECT_EQ(-1, kt4IpcSend(12 << 7, m.data(), 80));
+    EXPECT_EQ(EBADF, errno);
+    EXPECT_EQ(-1, kt4IpcSend(keyA, nullptr, 80));
+    EXPECT_EQ(EFAULT, errno);
+    EXPECT_EQ(-1, kt4IpcReply(364 << 7, m.data(), 80));
+    EXPECT_EQ(EBADF, errno);
+    EXPECT_EQ(-1, kt4IpcRecv(5 << 7 | 1, m.data(), 80, 1, 0, 0));
+    EXPECT_EQ(EBADF, errno);
+    EXPECT_EQ(-1, kt4IpcSendWait(5 << 7, m.data(), 80, 1, 1, 1));
+    EXPECT_EQ(EBADF, errno);
+    EXPECT_EQ(-1, kt4IpcSendWait(keyA, m.data(), 80, -1, 1, 1));
+    EXPECT_EQ(EINVAL, errno);
+    // A message shorter than its header is refused before anything is written.
+    EXPECT_EQ(-1, kt4IpcNonGuaranteedSend(keyA, m.data(), 59));
+    EXPECT_EQ(EINVAL, errno);
+}
+
+TEST_F(IpcPair, ReplyByExchangeAndSendWait) {
+    std::atomic<bool> ok{false};
+    std::thread server([&] {
+        std::vector<unsigned char> in(512);
+        int n = kt4IpcRecv(keyB | 1, in.data(), 512, 3, 0, 0);
+        if (n < 60 || kt4IpcHdrGet(in.data(), KT4_IPC_HDR_CMD_TYPE) != KT4_IPC_CMD_REQ) return;
+        // A reply of another transaction first: the waiter must drop it.
+        std::vector<unsigned char> other(in.begin(), in.begin() + n);
+        kt4IpcHdrSet(other.data(), KT4_IPC_HDR_TRANSACTION, 4242);
+        if (kt4IpcReply(keyB, other.data(), n) != n) return;
+        in[60] = 'R';
+        ok = kt4IpcReply(keyB, in.data(), n) == n;
+    });
+    auto req = a_to_b(200, 31, 5);
+    req[60] = 'Q';
+    int n = kt4IpcSendWait(keyA, req.data(), 200, 3, 31, 5);
+    server.join();
+    ASSERT_TRUE(ok);
+    ASSERT_EQ(200, n);
+    EXPECT_EQ('R', req[60]);
+    EXPECT_EQ(static_cast<uint32_t>(KT4_IPC_CMD_RSP),
+              kt4IpcHdrGet(req.data(), KT4_IPC_HDR_CMD_TYPE));
+    EXPECT_EQ(5u, kt4IpcHdrGet(req.data(), KT4_IPC_HDR_TRANSACTION));
+    // The reply's triples are the request's, exchanged.
+    EXPECT_EQ(static_cast<uint32_t>(keyB | 1), kt4IpcHdrGet(req.data(), KT4_IPC_HDR_SRC_QID));
+    EXPECT_EQ(static_cast<uint32_t>(keyA | 2), kt4IpcHdrGet(req.data(), KT4_IPC_HDR_TGT_QID));
+}
+
+TEST_F(IpcPair, SendWaitTimesOutOrPollsOnce) {
+    auto req = a_to_b(64, 3, 3);
+    auto t0 = Clock::now();
+    errno = 0;
+    EXPECT_EQ(-1, kt4IpcSendWait(keyA, req.data(), 64, 1, 3, 3));
+    EXPECT_EQ(ETIMEDOUT, errno);
+    EXPECT_GT(seconds_since(t0), 0.9);
+    EXPECT_LT(seconds_since(t0), 3.0);
+
+    t0 = Clock::now();
+    errno = 0;
+    EXPECT_EQ(-1, kt4IpcSendWait(keyA, req.data(), 64, 0, 3, 3)); // "Caller no wait"
+    EXPECT_EQ(ETIMEDOUT, errno);
+    EXPECT_LT(seconds_since(t0), 0.5);
+    // The requests did reach the server's queue.
+    std::vector<unsigned char> buf(128);
+    EXPECT_EQ(64, kt4IpcRecv(keyB | 1, buf.data(), 128, 1, 3, 3));
+    EXPECT_EQ(64, kt4IpcRecv(keyB | 1, buf.data(), 128, 1, 3, 3));
+
+    // A reply already waiting is taken by the poll.
+    auto rsp = a_to_b(64, 3, 3);
+    kt4IpcSetTargetHeaderToRspQ(rsp.data(), kt4IpcGetLocalCpuIpAddr(), 0, svcA, 1);
+    ASSERT_EQ(64, kt4IpcNonGuaranteedSend(keyB, rsp.data(), 64));
+    EXPECT_EQ(64, kt4IpcSendWait(keyA, req.data(), 64, 0, 3, 3));
+}
+
+TEST_F(IpcPair, SendWaitWithRetryResendsUpToRetriesMoreTimes) {
+    const int svcX = fresh_service();
+    RawSock target(port_of(svcX, 0, 1));
+    ASSERT_TRUE(target.bound());
+    auto req = make_msg(64, 9, 1, svcA, 1, svcX, 0);
+    std::vector<unsigned char> reply(64);
+    EXPECT_EQ(-1, kt4IpcSendWaitWithRetry(keyA, req.data(), reply.data(), 64, 64, 0, 9, 1, -1));
+    EXPECT_TRUE(target.recv(50).empty()); // negative retries: nothing sent
+    EXPECT_EQ(-1, kt4IpcSendWaitWithRetry(keyA, req.data(), reply.data(), 64, 64, 0, 9, 1, 2));
+    int seen = 0;
+    while (!target.recv(100).empty())
+        ++seen;
+    EXPECT_EQ(3, seen);
+}
+
+TEST_F(IpcPair, GarbageIsDroppedOnTheRequestQueue) {
+    RawSock peer(0);
+    const uint16_t to = port_of(svcB, 2, 1);
+    unsigned char junk[64] = {};
+    ASSERT_EQ(59, peer.send_to(to, junk, 59)); // too short
+    ASSERT_EQ(2, peer.send_to(to, junk, 2));   // far too short
+    ASSERT_EQ(60, peer.send_to(to, junk, 60)); // no magic
+    auto ack = a_to_b(60, 4, 4);
+    kt4IpcHdrSet(ack.data(), KT4_IPC_HDR_MAGIC, KT4_IPC_MAGIC);
+    kt4IpcHdrSet(ack.data(), KT4_IPC_HDR_CMD_TYPE, KT4_IPC_CMD_GUARANTEED_ACK);
+    ASSERT_EQ(60, peer.send_to(to, ack.data(), 60)); // an acknowledgement, waited for a type
+    auto good = a_to_b(60, 4, 4);
+    kt4IpcHdrSet(good.data(), KT4_IPC_HDR_MAGIC, KT4_IPC_MAGIC);
+    ASSERT_EQ(60, peer.send_to(to, good.data(), 60)); // exactly a header: accepted
+    std::vector<unsigned char> buf(256);
+    kt4TracePrintOn();
+    testing::internal::CaptureStdout();
+    int n = kt4IpcRecv(keyB | 1, buf.data(), 256, 2, 4, 4);
+    std::string out = testing::internal::GetCapturedStdout();
+    kt4TracePrintOff();
+    ASSERT_EQ(60, n);
+    EXPECT_EQ(0, kt4IpcGetNumMsgs(keyB | 1));
+    const int fd = Key_getSocketFd(keyB | 1);
+    for (const std::string &want :
+         {"GrtRecv: recv msg NON IPC msg on sock " + std::to_string(fd) + " len 59: too short",
+          "GrtRecv: recv msg NON IPC msg on sock " + std::to_string(fd) + " len 2: too short",
+          "GrtRecv: received non IPC msg on sock " + std::to_string(fd) +
+              " magic 0, magic no match"})
+        EXPECT_NE(std::string::npos, out.find(want)) << want << "\n" << out;
+    EXPECT_NE(std::string::npos, out.find("WARNING IPC-(")) << out;
+}
+
+TEST_F(IpcPair, GrtMessagesAreAcknowledgedAtOnce) {
+    RawSock peer(0);
+    sockaddr_in me{};
+    socklen_t ml = sizeof me;
+    getsockname(peer.fd(), reinterpret_cast<sockaddr *>(&me), &ml);
+    auto grt = a_to_b(90, 12, 34);
+    kt4IpcHdrSet(grt.data(), KT4_IPC_HDR_MAGIC, KT4_IPC_MAGIC);
+    kt4IpcHdrSet(grt.data(), KT4_IPC_HDR_CMD_TYPE, KT4_IPC_CMD_GRT);
+    kt4IpcHdrSet(grt.data(), KT4_IPC_HDR_CMD_FLAGS, 1);
+    kt4IpcHdrSet(grt.data(), KT4_IPC_HDR_SRC_QID, ntohs(me.sin_port));
+    ASSERT_EQ(90, peer.send_to(port_of(svcB, 2, 1), grt.data(), 90));
+    std::vector<unsigned char> buf(256);
+    // Delivered even though it is not the wanted message; the ACK went out first.
+    EXPECT_EQ(90, kt4IpcRecv(keyB | 1, buf.data(), 256, 1, 12, 34));
+    auto ack = peer.recv(1000);
+    ASSERT_EQ(60u, ack.size());
+    EXPECT_EQ(static_cast<uint32_t>(KT4_IPC_CMD_ACK),
+              kt4IpcHdrGet(ack.data(), KT4_IPC_HDR_CMD_TYPE));
+    EXPECT_EQ(12u, kt4IpcHdrGet(ack.data(), KT4_IPC_HDR_MSG_TYPE));
+    EXPECT_EQ(34u, kt4IpcHdrGet(ack.data(), KT4_IPC_HDR_TRANSACTION));
+    EXPECT_EQ(kt4IpcHdrGet(grt.data(), KT4_IPC_HDR_TGT_QID),
+              kt4IpcHdrGet(ack.data(), KT4_IPC_HDR_SRC_QID));
+    EXPECT_EQ(ntohs(me.sin_port), kt4IpcHdrGet(ack.data(), KT4_IPC_HDR_TGT_QID));
+}
+
+TEST_F(IpcPair, GarbageIsDroppedWhileWaitingForTheReply) {
+    const int svcX = fresh_service();
+    RawSock server(port_of(svcX, 0, 1));
+    ASSERT_TRUE(server.bound());
+    std::thread serve([&] {
+        auto req = server.recv(3000);
+        if (req.size() < 60) return;
+        const uint16_t back = static_cast<uint16_t>(kt4IpcHdrGet(req.data(), KT4_IPC_HDR_SRC_QID));
+        unsigned char junk[60] = {};
+        server.send_to(back, junk, 30);
+        server.send_to(back, junk, 60);
+        auto r = req;
+        kt4IpcHdrSet(r.data(), KT4_IPC_HDR_CMD_TYPE, KT4_IPC_CMD_GUARANTEED_ACK_FIRST);
+        server.send_to(back, r.data(), r.size()); // silently ignored
+        kt4IpcHdrSet(r.data(), KT4_IPC_HDR_CMD_TYPE, KT4_IPC_CMD_RSP);
+        kt4IpcHdrSet(r.data(), KT4_IPC_HDR_MSG_TYPE, 99);
+        server.send_to(back, r.data(), r.size()); // another type: dropped
+        kt4IpcHdrSet(r.data(), KT4_IPC_HDR_MSG_TYPE, 21);
+        r[61] = 'Z';
+        server.send_to(back, r.data(), r.size());
+    });
+    auto req = make_msg(100, 21, 2, svcA, 1, svcX, 0);
+    EXPECT_EQ(100, kt4IpcSendWait(keyA, req.data(), 100, 3, 21, 2));
+    serve.join();
+    EXPECT_EQ('Z', req[61]);
+}
+
+TEST_F(IpcPair, PeekLooksWithoutTaking) {
+    std::vector<unsigned char> buf(256);
+    errno = 0;
+    EXPECT_EQ(-1, kt4IpcPeekMsg(keyB | 1, buf.data(), 256));
+    EXPECT_EQ(EAGAIN, errno);
+    auto m = a_to_b(77, 1, 2);
+    ASSERT_EQ(77, kt4IpcNonGuaranteedSend(keyA, m.data(), 77));
+    ASSERT_EQ(0, ::usleep(20000));
+    EXPECT_EQ(77, kt4IpcPeekMsg(keyB | 1, buf.data(), 256));
+    EXPECT_EQ(77, kt4IpcRecv(keyB | 1, buf.data(), 256, 1, 1, 2));
+    RawSock peer(0);
+    unsigned char junk[70] = {};
+    peer.send_to(port_of(svcB, 2, 1), junk, sizeof junk);
+    ASSERT_EQ(0, ::usleep(20000));
+    EXPECT_EQ(-1, kt4IpcPeekMsg(keyB | 1, buf.data(), 256));
+    EXPECT_EQ(EBADMSG, errno);
+}
+
+std::atomic<int> notified_key{0};
+std::atomic<int> notified_calls{0};
+void note(void *arg, int key) {
+    notified_key = key;
+    notified_calls += *static_cast<int *>(arg);
+}
+
+TEST_F(IpcPair, NotifierIsCalledBeforeEveryWait) {
+    int weight = 1;
+    kt4IpcInstallRecvNotifier(note, &weight);
+    auto other = a_to_b(60, 1, 1), m = a_to_b(60, 2, 2);
+    ASSERT_EQ(60, kt4IpcNonGuaranteedSend(keyA, other.data(), 60));
+    ASSERT_EQ(60, kt4IpcNonGuaranteedSend(keyA, m.data(), 60));
+    std::vector<unsigned char> buf(64);
+    ASSERT_EQ(60, kt4IpcRecv(keyB | 1, buf.data(), 64, 1, 2, 2));
+    kt4IpcInstallRecvNotifier(nullptr, nullptr);
+    EXPECT_EQ(keyB, notified_key.load());
+    EXPECT_EQ(2, notified_calls.load()); // one wait per datagram taken
+}
+
+TEST_F(IpcPair, TasksOfOneProcessExchange) {
+    // The server is a task of the kernel-style layer, the client this thread.
+    struct Ctx {
+        int key;
+        std::atomic<int> served;
+    } ctx{keyB, {0}};
+    auto entry = [](kt4_arg_t a, kt4_arg_t, kt4_arg_t, kt4_arg_t, kt4_arg_t, kt4_arg_t, kt4_arg_t,
+                    kt4_arg_t, kt4_arg_t, kt4_arg_t) -> int {
+        auto *c = reinterpret_cast<Ctx *>(a);
+        unsigned char in[256];
+        for (int i = 0; i < 3; ++i) {
+            int n = kt4IpcRecv(c->key | 1, in, sizeof in, 3, 0, 0);
+            if (n < 60 || kt4IpcReply(c->key, in, n) != n) break;
+            ++c->served;
+        }
+        return 0;
+    };
+    int tid = taskSpawn("tIpcSrv", 100, 0, 64 * 1024, entry, reinterpret_cast<kt4_arg_t>(&ctx), 0,
+                        0, 0, 0, 0, 0, 0, 0, 0);
+    ASSERT_GT(tid, 0);
+    for (uint32_t t = 1; t <= 3; ++t) {
+        auto req = a_to_b(100, 50, t);
+        EXPECT_EQ(100, kt4IpcSendWait(keyA, req.data(), 100, 3, 50, t));
+    }
+    for (int i = 0; i < 100 && ctx.served < 3; ++i)
+        taskDelay(1);
+    EXPECT_EQ(3, ctx.served.load());
+}
+
+TEST_F(IpcPair, HistoryRingKeepsTheNewestAndDumps) {
+    ASSERT_EQ(0, kt4InitIpcHistoryTable(4, 80, 1));
+    kt4EnableIpcHistoryLogging(0xFFFFFFFF, -1, -1); // no filter
+    std::vector<unsigned char> buf(256);
+    for (uint32_t i = 0; i < 6; ++i) {
+        auto m = a_to_b(100, 60 + i, i);
+        ASSERT_EQ(100, kt4IpcNonGuaranteedSend(keyA, m.data(), 100));
+        ASSERT_EQ(100, kt4IpcRecv(keyB | 1, buf.data(), 256, 1, 0, 0));
+    }
+    testing::internal::CaptureStdout();
+    printIpcHistoryLogging();
+    dumpIpcHistoryLogging(0, 3);
+    dumpIpcHistoryLogging(0, 4);
+    std::string out = testing::internal::GetCapturedStdout();
+    EXPECT_NE(std::string::npos, out.find("History enabled: TRUE\r\n"));
+    EXPECT_NE(std::string::npos, out.find("Max log entries: 4, Max entry len: 80\r\n"));
+    EXPECT_NE(std::string::npos, out.find("Start index: 0, End Index: 3\r\n"));
+    EXPECT_NE(std::string::npos, out.find("Total entries captured: 12\r\n\n"));
+    char want[128];
+    std::snprintf(want, sizeof want, "Src: %d/0x%x/%d Dst: %d/0x%x/%d Len 100\r\n", kt4CardSlot(),
+                  kt4IpcGetLocalCpuIpAddr(), keyA | 2, kt4CardSlot(), kt4IpcGetLocalCpuIpAddr(),
+                  keyB | 1);
+    EXPECT_NE(std::string::npos, out.find(want));
+    EXPECT_NE(std::string::npos, out.find("Invalid value for start or end. Range 0 - 3\r\n"));
+
+    // A type filter keeps only that type.
+    ASSERT_EQ(0, kt4InitIpcHistoryTable(8, 80, 0));
+    kt4EnableIpcHistoryLogging(61, -1, -1);
+    for (uint32_t i = 0; i < 3; ++i) {
+        auto m = a_to_b(100, 60 + i, i);
+        ASSERT_EQ(100, kt4IpcNonGuaranteedSend(keyA, m.data(), 100));
+        ASSERT_EQ(100, kt4IpcRecv(keyB | 1, buf.data(), 256, 1, 0, 0));
+    }
+    testing::internal::CaptureStdout();
+    dumpIpcHistoryLogging(0, 7);
+    out = testing::internal::GetCapturedStdout();
+    EXPECT_NE(std::string::npos, out.find("Total entries captured: 2\r\n\n"));
+    EXPECT_NE(std::string::npos, out.find("Got invalid ptr in record 2\r\n"));
+    kt4DisableIpcHistoryLogging();
+    kt4DeInitIpcHistoryTable();
+}
+
+} // namespace

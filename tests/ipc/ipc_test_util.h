@@ -1,0 +1,113 @@
+// Helpers of the IPC tests: a per-process card identity (so that parallel test processes
+// bind different 127/8 addresses), raw UDP sockets that play the other end of a
+// conversation, and message builders.
+#pragma once
+
+#include <kt4/hostsim.h>
+#include <kt4/ipc.h>
+
+#include <gtest/gtest.h>
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstring>
+#include <vector>
+
+namespace ipctest {
+
+// Each test process takes its own chassis and slot from its pid before the first IPC call
+// forms the card's address, so concurrently running test processes never share a port.
+inline void pick_card_identity() {
+    static bool done = false;
+    if (done) return;
+    done = true;
+    int pid = static_cast<int>(getpid());
+    kt4CardSetChassisId(pid % 16);
+    kt4CardSetSlot((pid / 16) % 24);
+}
+
+// Services handed out one per use within a process, so that a test never meets an endpoint
+// (or a port) of another test of the same process.
+inline int fresh_service() {
+    static std::atomic<int> next{40};
+    int s = next.fetch_add(1);
+    if (s > 330) s = 40 + (s % 290); // never reached by this suite; keeps services valid
+    return s;
+}
+
+inline double seconds_since(std::chrono::steady_clock::time_point t0) {
+    return std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
+}
+
+// A message of len bytes: header with type, transaction and the two triples, payload filled
+// with a pattern.
+inline std::vector<unsigned char> make_msg(int len, uint32_t type, uint32_t trans, int srcSvc,
+                                           int srcInst, int tgtSvc, int tgtInst) {
+    std::vector<unsigned char> m(static_cast<size_t>(len), 0);
+    for (int i = KT4_IPC_HDR_LEN; i < len; ++i)
+        m[static_cast<size_t>(i)] = static_cast<unsigned char>(i * 7);
+    kt4IpcHdrSet(m.data(), KT4_IPC_HDR_LENGTH, static_cast<uint32_t>(len));
+    kt4IpcHdrSet(m.data(), KT4_IPC_HDR_MSG_TYPE, type);
+    kt4IpcHdrSet(m.data(), KT4_IPC_HDR_TRANSACTION, trans);
+    kt4IpcSetSourceHeader(m.data(), kt4CardSlot(), srcSvc, srcInst);
+    kt4IpcSetTargetHeader(m.data(), kt4IpcGetLocalCpuIpAddr(), kt4CardSlot(), tgtSvc, tgtInst);
+    return m;
+}
+
+// A plain UDP socket bound on the card's address at a port (the other end of a test).
+class RawSock {
+  public:
+    explicit RawSock(uint16_t port, bool reuse = true) {
+        fd_ = ::socket(AF_INET, SOCK_DGRAM, 0);
+        int one = 1;
+        if (reuse) ::setsockopt(fd_, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
+        sockaddr_in sa{};
+        sa.sin_family = AF_INET;
+        sa.sin_port = htons(port);
+        sa.sin_addr.s_addr = htonl(kt4IpcGetLocalCpuIpAddr());
+        bound_ = ::bind(fd_, reinterpret_cast<sockaddr *>(&sa), sizeof sa) == 0;
+    }
+    ~RawSock() { close(); }
+    RawSock(const RawSock &) = delete;
+    RawSock &operator=(const RawSock &) = delete;
+    void close() {
+        if (fd_ >= 0) ::close(fd_);
+        fd_ = -1;
+    }
+    bool bound() const { return bound_; }
+    int fd() const { return fd_; }
+    // Sends to the card's address at port.
+    long send_to(uint16_t port, const void *buf, size_t len) const {
+        sockaddr_in sa{};
+        sa.sin_family = AF_INET;
+        sa.sin_port = htons(port);
+        sa.sin_addr.s_addr = htonl(kt4IpcGetLocalCpuIpAddr());
+        return ::sendto(fd_, buf, len, 0, reinterpret_cast<sockaddr *>(&sa), sizeof sa);
+    }
+    // Receives one datagram within ms milliseconds: its bytes, or empty.
+    std::vector<unsigned char> recv(int ms) const {
+        timeval tv{ms / 1000, (ms % 1000) * 1000};
+        fd_set rd;
+        FD_ZERO(&rd);
+        FD_SET(fd_, &rd);
+        if (::select(fd_ + 1, &rd, nullptr, nullptr, &tv) <= 0) return {};
+        static thread_local unsigned char b[65536];
+        long n = ::recv(fd_, b, sizeof b, 0);
+        return std::vector<unsigned char>(b, b + (n > 0 ? n : 0));
+    }
+
+  private:
+    int fd_ = -1;
+    bool bound_ = false;
+};
+
+inline uint16_t port_of(int service, int instance, int kind) {
+    return static_cast<uint16_t>(kt4_getQueueId(service, instance, kind) & 0xFFFF);
+}
+
+} // namespace ipctest

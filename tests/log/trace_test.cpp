@@ -1,0 +1,330 @@
+// The trace channel on a real card: line formats byte for byte, the history rings in shared
+// memory (repeat folding, wrap, the hardware gate and kinds), lines from two processes in one
+// ring replayed by either and by the operator tool, and the process-local fallback.
+#include "support/kt4_test_env.h"
+
+#include <kt4/hostsim.h>
+#include <kt4/log.h>
+#include <kt4/platform.h>
+#include <kt4/vx2bsd.h>
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cerrno>
+#include <regex>
+#include <string>
+#include <vector>
+
+namespace {
+
+// Modules used by one test each, so that tests sharing a card in one process do not meet.
+constexpr int kFormatModule = 38;  // IFM
+constexpr int kFoldModule = 48;    // BGP
+constexpr int kWrapModule = 49;    // OSPF
+constexpr int kHwModule = 52;      // ARP
+constexpr int kFlagModule = 55;    // STP
+constexpr int kTwoProcModule = 60; // L2MGR
+constexpr int kLocalModule = 61;   // MSTP
+constexpr int kStrModule = 62;     // VRRP
+
+class Trace : public ::testing::Test {
+  protected:
+    void SetUp() override { ASSERT_TRUE(kt4test::Card::get().up()); }
+    void TearDown() override { kt4TracePrintOff(); }
+
+    static std::string history(int module, int kind) {
+        kt4test::CaptureStdout out;
+        kt4TraceDisplayByModuleId(module, kind);
+        return out.text();
+    }
+    static std::vector<std::string> lines(const std::string &text) {
+        std::vector<std::string> out;
+        size_t at = 0;
+        for (size_t end; (end = text.find("\r\n", at)) != std::string::npos; at = end + 2)
+            out.push_back(text.substr(at, end + 2 - at));
+        return out;
+    }
+};
+
+std::string run(const std::string &command, int *exitCode) {
+    std::string out;
+    FILE *p = popen(command.c_str(), "r");
+    if (p == nullptr) return out;
+    char buf[4096];
+    size_t n;
+    while ((n = fread(buf, 1, sizeof buf, p)) > 0)
+        out.append(buf, n);
+    int status = pclose(p);
+    *exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    return out;
+}
+
+void msg(int kind, int module, const char *format, ...) {
+    va_list ap;
+    va_start(ap, format);
+    kt4MsgPrintf(kind, module, format, ap);
+    va_end(ap);
+}
+
+// The time stamp: month, day, hour, minute, second of local time, not zero-padded.
+const std::string kStamp =
+    R"(\[([1-9]|1[0-2])/([1-9]|[12][0-9]|3[01]) ([0-9]|1[0-9]|2[0-3]):([0-9]|[1-5][0-9]):([0-9]|[1-5][0-9]|60)\] )";
+
+TEST_F(Trace, EveryKindHasItsExactLine) {
+    kt4CardSetSlot(3);
+    kt4TracePrintOn();
+    kt4test::CaptureStdout out;
+    kt4TracePrintf(kFormatModule, "trace %d", 1);
+    kt4ErrorPrintf(kFormatModule, "error %s", "two");
+    kt4WarningPrintf(kFormatModule, "warning");
+    kt4NvramPrintf(kFormatModule, "nvram");
+    msg(KT4_TRACE_KIND_EVT, kFormatModule, "event");
+    kt4HwEventPrintf(kFormatModule, "hw event");
+    kt4HwWarningPrintf(kFormatModule, "hw warning");
+    kt4HwTracePrintf(kFormatModule, "hw trace");
+    kt4HwErrorPrintf(kFormatModule, "hw error");
+    msg(7, kFormatModule, "no such kind");
+    msg(17, kFormatModule, "no such kind");
+    kt4TracePrintf(500, "unknown module");
+    std::string text = out.text();
+    kt4CardSetSlot(0);
+
+    const char *expected[] = {
+        "IFM-\\(\\(null\\)\\):CPBLOB:3: trace 1",
+        "\\*\\*\\*\\*\\*\\* ERROR IFM-\\(\\(null\\)\\):CPBLOB:3: error two",
+        "\\*\\*\\*\\*\\* WARNING IFM-\\(\\(null\\)\\):CPBLOB:3: warning",
+        "\\*\\*\\*\\* NVRAM_MSG: IFM-\\(\\(null\\)\\):CPBLOB:3: nvram",
+        "EVT: IFM-\\(\\(null\\)\\):CPBLOB:3: event",
+        "HW EVT: IFM-\\(\\(null\\)\\):CPBLOB:3: hw event",
+        "##### HW WARN: IFM-\\(\\(null\\)\\):CPBLOB:3: hw warning",
+        "HW: IFM-\\(\\(null\\)\\):CPBLOB:3: hw trace",
+        "\\*\\*\\*\\*\\*\\* HW ERR: IFM-\\(\\(null\\)\\):CPBLOB:3: hw error",
+        "\\?\\?\\?-\\(\\(null\\)\\):CPBLOB:3: unknown module",
+    };
+    std::vector<std::string> got = lines(text);
+    ASSERT_EQ(std::size(expected), got.size()) << text;
+    for (size_t i = 0; i < got.size(); ++i) {
+        EXPECT_TRUE(std::regex_match(got[i], std::regex(kStamp + expected[i] + "\r\n"))) << got[i];
+    }
+}
+
+TEST_F(Trace, ATaskIsNamedInItsLines) {
+    ASSERT_EQ(OK, vx2bsdLibInit());
+    static std::atomic<bool> done{false};
+    kt4TracePrintOn();
+    kt4test::CaptureStdout out;
+    int tid = taskSpawn(
+        "tTracer", 100, 0, 0,
+        [](kt4_arg_t, kt4_arg_t, kt4_arg_t, kt4_arg_t, kt4_arg_t, kt4_arg_t, kt4_arg_t, kt4_arg_t,
+           kt4_arg_t, kt4_arg_t) {
+            kt4TracePrintf(kFormatModule, "from a task");
+            done = true;
+            return 0;
+        },
+        0, 0, 0, 0, 0, 0, 0, 0, 0, 0);
+    ASSERT_NE(ERROR, tid);
+    while (!done)
+        taskDelay(1);
+    std::string text = out.text();
+    EXPECT_NE(std::string::npos, text.find("] IFM-(tTracer):CPBLOB:0: from a task\r\n")) << text;
+}
+
+TEST_F(Trace, AnOverlongLineIsReportedAndCut) {
+    kt4TracePrintOn();
+    std::string body(1300, 'x');
+    kt4test::CaptureStdout out;
+    kt4TracePrintf(kFormatModule, "%s", body.c_str());
+    std::string text = out.text();
+    const std::string banner = "\r\n+++++++++++++++++++++++++++++++++++++++++++++\r\n\r\n";
+    const std::string report =
+        banner + "%Error: The IFM trace string is longer than 1200 !\r\n" + banner;
+    ASSERT_EQ(0u, text.find(report)) << text.substr(0, 200);
+    std::string line = text.substr(report.size());
+    EXPECT_EQ(1199u, line.size()) << "1197 characters and \"\\r\\n\"";
+    EXPECT_EQ("xx\r\n", line.substr(line.size() - 4));
+}
+
+TEST_F(Trace, FourEqualLinesLeaveTwoSlots) {
+    for (int i = 0; i < 4; ++i)
+        kt4TracePrintf(kFoldModule, "neighbour down");
+    kt4TracePrintf(kFoldModule, "neighbour up");
+    kt4TracePrintf(kFoldModule, "neighbour up");
+    std::vector<std::string> got = lines(history(kFoldModule, KT4_TRACE_KIND_TRACE));
+    ASSERT_EQ(4u, got.size());
+    EXPECT_TRUE(std::regex_match(
+        got[0], std::regex(kStamp + "BGP-\\(\\(null\\)\\):CPBLOB:0: neighbour down\r\n")))
+        << got[0];
+    EXPECT_EQ("\t - Repeated 3 times.\r\n", got[1]);
+    EXPECT_NE(std::string::npos, got[2].find("neighbour up\r\n"));
+    EXPECT_EQ("\t - Repeated 1 time.\r\n", got[3]);
+}
+
+TEST_F(Trace, TheRingWrapsAndReplaysFromTheOldestSlot) {
+    constexpr int kLines = 3000 + 25;
+    for (int i = 0; i < kLines; ++i)
+        kt4TracePrintf(kWrapModule, "line %d", i);
+    std::vector<std::string> got = lines(history(kWrapModule, KT4_TRACE_KIND_TRACE));
+    ASSERT_EQ(3000u, got.size());
+    EXPECT_NE(std::string::npos, got.front().find(": line 25\r\n")) << got.front();
+    EXPECT_NE(std::string::npos, got.back().find(": line 3024\r\n")) << got.back();
+    for (size_t i = 1; i < got.size(); ++i)
+        ASSERT_NE(std::string::npos, got[i].find(": line " + std::to_string(25 + i) + "\r\n")) << i;
+
+    // The operator tool replays the same slots from the file, in the same order.
+    int rc = -1;
+    std::string tool = run(
+        std::string(KT4_TRACE_TOOL) + " -r " + kt4test::Card::get().root() + " -m ospf -k 2", &rc);
+    EXPECT_EQ(0, rc);
+    EXPECT_EQ(history(kWrapModule, KT4_TRACE_KIND_TRACE), tool);
+}
+
+TEST_F(Trace, HardwareKindsAreGatedAndKeepTheirStoredKinds) {
+    kt4HwTraceFlag = 0;
+    kt4TracePrintOn();
+    {
+        kt4test::CaptureStdout out;
+        kt4AllTracePrintf(kHwModule, "gated");
+        kt4HwErrorPrintf(kHwModule, "gated");
+        EXPECT_EQ("", out.text());
+    }
+    EXPECT_EQ("", history(kHwModule, KT4_TRACE_KIND_ANY));
+    EXPECT_EQ("", history(kHwModule, KT4_TRACE_KIND_HW_TRACE));
+    kt4HwTraceFlag = 1;
+    kt4TracePrintOff();
+    kt4AllTracePrintf(kHwModule, "all trace");
+    kt4HwErrorPrintf(kHwModule, "hw error");
+    kt4NvramPrintf(kHwModule, "never gated");
+
+    // The hardware ring holds the hardware kinds as they were sent.
+    EXPECT_EQ(1u, lines(history(kHwModule, KT4_TRACE_KIND_HW_TRACE)).size());
+    EXPECT_EQ(1u, lines(history(kHwModule, KT4_TRACE_KIND_HW_ERR)).size());
+    // The software copy (kind 14) sits in the software ring stored as kind 11: kind 8 finds it
+    // there, kinds 14 and 7 do not.
+    std::string copies = history(kHwModule, KT4_TRACE_KIND_ALL_HW);
+    ASSERT_EQ(1u, lines(copies).size()) << copies;
+    EXPECT_NE(std::string::npos, copies.find("] HW: ARP-((null)):CPBLOB:0: all trace\r\n"));
+    EXPECT_EQ("", history(kHwModule, KT4_TRACE_KIND_SW_HW_TRACE));
+    std::string software = history(kHwModule, KT4_TRACE_KIND_ALL_SW);
+    ASSERT_EQ(1u, lines(software).size()) << software;
+    EXPECT_NE(std::string::npos, software.find("NVRAM_MSG: ARP-((null)):CPBLOB:0: never gated"));
+}
+
+TEST_F(Trace, FlagsAndModuleNames) {
+    EXPECT_STREQ("???", pModuleName(500));
+    EXPECT_STREQ("???", pModuleName(-1));
+    EXPECT_STREQ("CRYPTOMGR", pModuleName(139));
+    EXPECT_EQ(38, kt4TraceGetModuleIdFromName("ifm"));
+    EXPECT_EQ(48, kt4TraceGetModuleIdFromName("Bgp"));
+    EXPECT_EQ(0, kt4TraceGetModuleIdFromName("bgpx"));
+    EXPECT_EQ(0, kt4TraceGetModuleIdFromName(""));
+
+    {
+        kt4test::CaptureStdout out;
+        kt4SetModuleTraceFlag(0, 5);
+        kt4SetModuleTraceFlag(142, 5);
+        kt4TraceDisplayByModuleId(0, 2);
+        kt4TraceDisplayByModuleId(143, 2);
+        EXPECT_EQ("Invalid module id 0 \r\nInvalid module id 142 \r\n"
+                  "Invalid module ID 0 \r\nInvalid module ID 143 \r\n",
+                  out.text());
+    }
+    EXPECT_EQ("", history(142, KT4_TRACE_KIND_ANY)) << "142 is accepted, and empty";
+
+    // The top bit keeps plain traces of the module out of the history, nothing else.
+    kt4SetModuleTraceFlag(kFlagModule, KT4_TRACE_NO_HISTORY | 0x21);
+    EXPECT_EQ(0x21u, wrap_modtraceflags(kFlagModule));
+    kt4TracePrintf(kFlagModule, "not kept");
+    kt4ErrorPrintf(kFlagModule, "kept");
+    kt4SetModuleTraceFlag(kFlagModule, 0);
+    EXPECT_EQ("", history(kFlagModule, KT4_TRACE_KIND_TRACE));
+    EXPECT_EQ(1u, lines(history(kFlagModule, KT4_TRACE_KIND_ERROR)).size());
+}
+
+TEST_F(Trace, PrintStrTracesTextVerbatim) {
+    kt4TracePrintStr(kStrModule, "50% done, %s and %d stay");
+    std::string got = history(kStrModule, KT4_TRACE_KIND_TRACE);
+    EXPECT_NE(std::string::npos, got.find(":CPBLOB:0: 50! done, %s and %d stay\r\n")) << got;
+    kt4TracePrintStr(kStrModule, std::string(300, 'y').c_str());
+    got = history(kStrModule, KT4_TRACE_KIND_TRACE);
+    EXPECT_NE(std::string::npos, got.find(std::string(199, 'y').substr(0, 150)));
+}
+
+TEST_F(Trace, AnAssertionReportsAndReturns) {
+    errno = 0x3d0004;
+    _kt4Assert("x == 1", "file.c", 42);
+    EXPECT_EQ(0x3d0004, errno);
+    std::string got = history(1, KT4_TRACE_KIND_ERROR);
+    EXPECT_NE(
+        std::string::npos,
+        got.find("****** ERROR SYS-((null)):CPBLOB:0: Unk: *** ASSERTION-FAILED *** Expression "
+                 "'x == 1' at file.c/42 (task id 0x3d0004).\r\n"))
+        << got;
+}
+
+TEST_F(Trace, DeveloperPrintsFollowTheTaskMask) {
+    uint32_t before = printCnt;
+    kt4test::CaptureStdout out;
+    kt4EvtLogPrint(6, 0, "off\n");
+    pGlbDevTskMsk[0] |= 1u << 6;
+    pGlbDevTskMsk[1] |= 1u << 8;
+    kt4EvtLogPrint(6, 0, "level six\n");
+    kt4EvtLogPrintV2(40, 0, "NAME", "level forty\n");
+    kt4EvtLogPrintV2(7, 0, "NAME", "off\n");
+    kt4EvtLogPrint(100000, 0, "far off\n");
+    pGlbDevTskMsk[0] = 0;
+    pGlbDevTskMsk[1] = 0;
+    EXPECT_EQ("level six\nNAME: level forty\n", out.text());
+    EXPECT_EQ(before + 5, printCnt);
+}
+
+TEST_F(Trace, TwoProcessesShareOneRing) {
+    kt4TracePrintf(kTwoProcModule, "from the first process");
+    int rc = -1;
+    std::string child =
+        run(std::string(KT4_LOG_HELPER) + " shared " + std::to_string(kTwoProcModule) +
+                " 'from the second process' " + std::to_string(kt4test::kAreaBytes),
+            &rc);
+    ASSERT_EQ(0, rc) << child;
+    std::string mine = history(kTwoProcModule, KT4_TRACE_KIND_TRACE);
+    for (const std::string *seen : {&child, &mine}) {
+        std::vector<std::string> got = lines(*seen);
+        ASSERT_EQ(2u, got.size()) << *seen;
+        EXPECT_NE(std::string::npos,
+                  got[0].find("L2MGR-((null)):CPBLOB:0: from the first process\r\n"));
+        EXPECT_NE(std::string::npos,
+                  got[1].find("L2MGR-((null)):CPBLOB:0: from the second process\r\n"));
+    }
+    std::string tool = run(std::string(KT4_TRACE_TOOL) + " -f " + kt4GetShmFileName(0) + " -m " +
+                               std::to_string(kTwoProcModule),
+                           &rc);
+    EXPECT_EQ(0, rc);
+    EXPECT_EQ(mine, tool);
+}
+
+TEST_F(Trace, AProcessWithoutTheSharedMemoryKeepsItsOwnRings) {
+    int rc = -1;
+    std::string child = run(std::string(KT4_LOG_HELPER) + " local " + std::to_string(kLocalModule) +
+                                " 'kept locally'",
+                            &rc);
+    ASSERT_EQ(0, rc) << child;
+    EXPECT_EQ(1u, lines(child).size()) << child;
+    EXPECT_NE(std::string::npos, child.find("MSTP-((null)):CPBLOB:0: kept locally\r\n"));
+    EXPECT_EQ("", history(kLocalModule, KT4_TRACE_KIND_ANY)) << "the card's ring never saw it";
+}
+
+TEST_F(Trace, TheToolRefusesWhatIsNotAnArea) {
+    std::string junk = kt4test::Card::get().root() + "/junk.mem";
+    FILE *f = std::fopen(junk.c_str(), "w");
+    ASSERT_NE(nullptr, f);
+    std::fputs(std::string(10000, 'j').c_str(), f);
+    std::fclose(f);
+    int rc = -1;
+    run(std::string(KT4_TRACE_TOOL) + " -f " + junk + " 2>/dev/null", &rc);
+    EXPECT_EQ(1, rc);
+    run(std::string(KT4_TRACE_TOOL) + " -f " + junk + " -m nosuchmodule 2>/dev/null", &rc);
+    EXPECT_EQ(2, rc);
+    unlink(junk.c_str());
+}
+
+} // namespace

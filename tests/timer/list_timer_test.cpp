@@ -1,0 +1,209 @@
+// List timers: delta bookkeeping, early and late ticks, batching, stops, the select timeout,
+// the progress messages, and a real select loop.
+#include "timer_test_util.h"
+
+#include <gtest/gtest.h>
+
+#include <sys/select.h>
+
+#include <chrono>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace {
+
+using std::chrono::milliseconds;
+using Clock = std::chrono::steady_clock;
+
+struct Rec {
+    kt4ListTimerNode node; // the list's fields come first
+    int id;
+    int fires;
+};
+Rec *rec(kt4ListTimerNode *n) {
+    return reinterpret_cast<Rec *>(n);
+}
+long ms_of(const timespec &ts) {
+    return static_cast<long>(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
+}
+
+std::vector<int> fired, armed;
+int stops;
+kt4ListTimerCB *the_cb;
+void on_expiry(kt4ListTimerNode *n) {
+    fired.push_back(rec(n)->id);
+    if (++rec(n)->fires < 3 && rec(n)->id == 100) kt4ListStartTimer(the_cb, n, 30); // periodic
+}
+void on_start(kt4ListTimerNode *n) {
+    armed.push_back(rec(n)->id);
+}
+void on_stop(kt4ListTimerNode *) {
+    ++stops;
+}
+
+class ListTimer : public testing::Test {
+  protected:
+    void SetUp() override {
+        fired.clear();
+        armed.clear();
+        stops = 0;
+        the_cb = cb_ = kt4ListTimerNew(nullptr, on_start, on_stop, on_expiry);
+        ASSERT_NE(nullptr, cb_);
+        for (int i = 0; i < 8; ++i)
+            r_[i] = Rec{{}, i, 0};
+    }
+    void TearDown() override { kt4ListTimerDestroy(cb_); }
+    std::vector<int> ids(int head) {
+        std::vector<int> out;
+        for (kt4ListTimerNode *n = &r_[head].node; n != nullptr; n = n->next)
+            out.push_back(rec(n)->id);
+        return out;
+    }
+    kt4ListTimerCB *cb_ = nullptr;
+    Rec r_[8];
+};
+
+TEST_F(ListTimer, DeltasChainInExpiryOrder) {
+    kt4ListStartTimer(cb_, &r_[1].node, 100);
+    kt4ListStartTimer(cb_, &r_[3].node, 300);
+    kt4ListStartTimer(cb_, &r_[2].node, 200);
+    EXPECT_EQ((std::vector<int>{1, 2, 3}), ids(1));
+    for (int i : {1, 2, 3})
+        EXPECT_NEAR(100, ms_of(r_[i].node.delta), 30) << i;
+
+    // A shorter one replaces the head, whose delta shrinks by the distance; an equal expiry
+    // goes after the timers already due then.
+    kt4ListStartTimer(cb_, &r_[4].node, 40);
+    kt4ListStartTimer(cb_, &r_[5].node, 40);
+    EXPECT_EQ((std::vector<int>{4, 5, 1, 2, 3}), ids(4));
+    EXPECT_EQ(40, ms_of(r_[4].node.delta));
+    EXPECT_NEAR(60, ms_of(r_[1].node.delta), 30);
+    EXPECT_EQ((std::vector<int>{1, 4}), armed);
+
+    // Stopping inside the list hands the delta on; restarting a running timer moves it.
+    kt4ListStopTimer(cb_, &r_[2].node);
+    kt4ListStopTimer(cb_, &r_[2].node); // not running: nothing happens
+    EXPECT_EQ(nullptr, r_[2].node.prev);
+    EXPECT_NEAR(200, ms_of(r_[3].node.delta), 30);
+    kt4ListStartTimer(cb_, &r_[3].node, 10);
+    EXPECT_EQ((std::vector<int>{3, 4, 5, 1}), ids(3));
+}
+
+TEST_F(ListTimer, StoppingTheHeadPassesWhatItHadLeft) {
+    kt4ListStartTimer(cb_, &r_[1].node, 100);
+    kt4ListStartTimer(cb_, &r_[2].node, 150);
+    std::this_thread::sleep_for(milliseconds(40));
+    armed.clear();
+    kt4ListStopTimer(cb_, &r_[1].node);
+    EXPECT_NEAR(110, ms_of(r_[2].node.delta), 25); // its own 50 plus the 60 left, from now
+    EXPECT_EQ((std::vector<int>{2}), armed);
+    kt4ListStopTimer(cb_, &r_[2].node);
+    EXPECT_EQ(1, stops);
+}
+
+TEST_F(ListTimer, EarlyLateAndBatchedTicksKeepEachExpiry) {
+    // Early: the head fires; the next delta grows by what was left.
+    kt4ListStartTimer(cb_, &r_[1].node, 100);
+    kt4ListStartTimer(cb_, &r_[2].node, 200);
+    kt4ListTimerTick(cb_);
+    EXPECT_NEAR(200, ms_of(r_[2].node.delta), 25);
+    kt4ListStopTimer(cb_, &r_[2].node);
+
+    // Late: the lateness comes off the next delta.
+    kt4ListStartTimer(cb_, &r_[3].node, 50);
+    kt4ListStartTimer(cb_, &r_[4].node, 300);
+    std::this_thread::sleep_for(milliseconds(100));
+    kt4ListTimerTick(cb_);
+    EXPECT_LE(ms_of(r_[4].node.delta), 210);
+    EXPECT_GE(ms_of(r_[4].node.delta), 100);
+    kt4ListStopTimer(cb_, &r_[4].node);
+
+    // Within the minimum timeout (20 ms) of an expiry: fired in the same tick.
+    kt4ListStartTimer(cb_, &r_[5].node, 30);
+    kt4ListStartTimer(cb_, &r_[6].node, 40);
+    kt4ListStartTimer(cb_, &r_[7].node, 400);
+    std::this_thread::sleep_for(milliseconds(30));
+    armed.clear();
+    kt4ListTimerTick(cb_);
+    EXPECT_EQ((std::vector<int>{1, 3, 5, 6}), fired);
+    EXPECT_EQ((std::vector<int>{7}), armed);
+    EXPECT_NEAR(360, ms_of(r_[7].node.delta), 40);
+    kt4ListStopTimer(cb_, &r_[7].node);
+    EXPECT_EQ(-1, kt4ListTimerTick(nullptr));
+    EXPECT_EQ(nullptr, kt4ListTimerNew(nullptr, nullptr, nullptr, nullptr));
+}
+
+// The way an event loop uses the list: select with the list's timeout, tick on expiry.
+TEST_F(ListTimer, SelectLoopFiresEachTimerOnTime) {
+    Rec periodic{{}, 100, 0};
+    auto t0 = Clock::now();
+    kt4ListStartTimer(cb_, &r_[1].node, 150);
+    kt4ListStartTimer(cb_, &r_[2].node, 60);
+    kt4ListStartTimer(cb_, &periodic.node, 30); // re-armed twice from its handler
+    kt4ListStartTimer(cb_, &r_[3].node, 250);
+    kt4ListStartTimer(cb_, &r_[4].node, 500);
+    kt4ListStopTimer(cb_, &r_[4].node);
+    std::vector<long> at;
+    for (;;) {
+        timeval tv{}, *tvp = &tv;
+        kt4ListTimerGetTimevalTimeout(cb_, &tvp);
+        if (tvp == nullptr) break;
+        ASSERT_EQ(0, select(0, nullptr, nullptr, nullptr, tvp));
+        kt4ListTimerTick(cb_);
+        while (at.size() < fired.size())
+            at.push_back(std::chrono::duration_cast<milliseconds>(Clock::now() - t0).count());
+    }
+    ASSERT_EQ((std::vector<int>{100, 2, 100, 100, 1, 3}), fired);
+    const long due[] = {30, 60, 60, 90, 150, 250};
+    for (size_t i = 0; i < at.size(); ++i) { // never before due less the minimum; never far after
+        EXPECT_GE(at[i], due[i] - 20) << i;
+        EXPECT_LT(at[i], due[i] + 1000) << i;
+    }
+}
+
+TEST_F(ListTimer, DumpAndProgressMessages) {
+    EXPECT_NE(std::string::npos, kt4test::stdout_of([&] {
+                                     kt4ListPrintTimers(cb_);
+                                 }).find(" nanosec\r\nNo timers left.\r\n"));
+    kt4ListStartTimer(cb_, &r_[1].node, 100);
+    kt4ListStartTimer(cb_, &r_[2].node, 1300);
+    std::string out = kt4test::stdout_of([&] { kt4ListPrintTimers(cb_); });
+    char l1[160], l2[160];
+    std::snprintf(l1, sizeof l1,
+                  " nsec, addr=%p next=%p\r\nWanted: 1 sec 300000000 nsec, Timeout:1 sec ",
+                  static_cast<void *>(&r_[1].node), static_cast<void *>(&r_[2].node));
+    std::snprintf(l2, sizeof l2, " nsec, prev=%p next=(nil)\r\n", static_cast<void *>(&r_[1].node));
+    EXPECT_EQ(0u, out.find("Now: ")) << out;
+    EXPECT_NE(std::string::npos, out.find("\r\nWanted: 0 sec 100000000 nsec, Elapsed:0 sec "))
+        << out;
+    EXPECT_NE(std::string::npos, out.find(l1)) << out;
+    EXPECT_NE(std::string::npos, out.find(l2)) << out;
+
+    out = kt4test::stdout_of([&] {
+        listTimerDbg = 1;
+        kt4ListStartTimer(cb_, &r_[3].node, 50);
+        kt4ListStartTimer(cb_, &r_[4].node, 2000);
+        kt4ListStopTimer(cb_, &r_[4].node);
+        kt4ListTimerTick(cb_);
+        kt4ListStopTimer(cb_, &r_[1].node);
+        kt4ListStopTimer(cb_, &r_[2].node);
+        kt4ListStartTimer(cb_, &r_[5].node, 10);
+        kt4ListTimerTick(cb_);
+        listTimerDbg = 0;
+    });
+    size_t pos = 0;
+    for (const char *e :
+         {"kt4ListStartTimer: Existing head timer replaced - wanted(0.050000000) reqAt(",
+          "kt4ListStartTimer: New timer added to the list - wanted(2.000000000) reqAt(",
+          "kt4ListStopTimer: Stopping timer 0x", "kt4ListTimerTick: Calling tmrExpiryHandler..\r\n",
+          "kt4ListTimerTick: Calling startTimerFunc..\r\n",
+          "kt4ListStopTimer: Stopping head timer.\r\n",
+          "kt4ListStartTimer: Adding timer as head - wanted(0.010000000) reqAt(",
+          "kt4ListTimerTick: No more timers..\r\n"}) {
+        pos = out.find(e, pos);
+        ASSERT_NE(std::string::npos, pos) << e << "\n" << out;
+    }
+}
+
+} // namespace

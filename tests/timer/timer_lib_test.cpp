@@ -1,0 +1,286 @@
+// The timer library on one thread, with the tick count moved by the test rather than waited
+// for: ordering, limits, periodic re-arming, callbacks that change their own head, the expiry
+// arithmetic, the tick offset and the dumps.
+#include "timer_test_util.h"
+
+#include <gtest/gtest.h>
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <functional>
+#include <string>
+#include <vector>
+
+namespace {
+
+using kt4test::stdout_of;
+
+int allocs, frees;
+void *count_alloc(size_t n) {
+    ++allocs;
+    return std::malloc(n);
+}
+void count_free(void *p) {
+    ++frees;
+    std::free(p);
+}
+
+std::vector<uintptr_t> fired, fired2;
+std::function<void(uintptr_t)> hook;
+void cb(uintptr_t p) {
+    fired.push_back(p);
+    if (hook) hook(p);
+}
+void cb2(uintptr_t p) {
+    fired2.push_back(p);
+}
+
+void advance(uint64_t n) {
+    uint64_t t = tick64Get() + n;
+    tick64Set(static_cast<uint32_t>(t >> 32), static_cast<uint32_t>(t));
+}
+
+// One field of a timer as the diagnostic print shows it.
+std::string field(kt4Timer *t, const std::string &name) {
+    std::string out = stdout_of([&] { kt4DebugOneTimer(t); });
+    size_t at = out.find(name + ": ") + name.size() + 2;
+    return out.substr(at, out.find('\r', at) - at);
+}
+
+class TimerLib : public testing::Test {
+  protected:
+    void SetUp() override {
+        allocs = frees = 0;
+        fired.clear();
+        fired2.clear();
+        hook = nullptr;
+        tick64Set(0, 1000000);
+        ASSERT_EQ(0, kt4TmrHeadInit(&head_, count_alloc, count_free, FALSE, 0));
+    }
+    void TearDown() override {
+        hook = nullptr;
+        for (kt4Timer *t : mine_) // fired one-shots are their owner's to delete
+            kt4TimerDelete(t, &head_);
+        kt4TmrFlushAll(&head_);
+        kt4TmrHeadDestroy(&head_);
+        EXPECT_EQ(allocs, frees) << "timer records leaked";
+    }
+    kt4Timer *make(uintptr_t param, int32_t secs, int32_t ticks = 0, uint32_t type = 0) {
+        kt4Timer *t = kt4TickTimerCreate(cb, param, secs, ticks, type, &head_);
+        if (t != nullptr) mine_.push_back(t);
+        return t;
+    }
+    kt4test::TickRestore restore_;
+    kt4TmrHead head_{};
+    std::vector<kt4Timer *> mine_;
+};
+
+TEST_F(TimerLib, FiresInExpiryOrderAndRearmsOnRequest) {
+    kt4Timer *c = make(3, 3), *a = make(1, 1), *b = make(2, 1, 30);
+    EXPECT_EQ(0, kt4ProcTimers(&head_));
+    advance(50);
+    EXPECT_EQ(1, kt4ProcTimers(&head_));
+    EXPECT_EQ("0", field(a, "T_nodeActive")); // fired: out of the tree, still enabled
+    EXPECT_EQ("1", field(a, "T_nodeEnabled"));
+    advance(100);
+    EXPECT_EQ(2, kt4ProcTimers(&head_));
+    EXPECT_EQ((std::vector<uintptr_t>{1, 2, 3}), fired);
+    EXPECT_TRUE(kt4TmrTreeEmpty(&head_));
+
+    kt4TimerEnable(a, &head_); // re-armed from now; a second enable changes nothing
+    std::string exp = field(a, "ExpTime");
+    advance(10);
+    kt4TimerEnable(a, &head_);
+    EXPECT_EQ(exp, field(a, "ExpTime"));
+    EXPECT_EQ(-1, kt4TimerLink(a, &head_));
+    kt4TimerDisable(a, &head_);
+    EXPECT_TRUE(kt4TmrTreeEmpty(&head_));
+    kt4TimerSet(c, 2, cb2, &head_); // new interval (no extra ticks) and callback
+    EXPECT_EQ("0", field(c, "T-ticks"));
+    advance(90);
+    EXPECT_EQ(0, kt4ProcTimers(&head_));
+    advance(10);
+    EXPECT_EQ(1, kt4ProcTimers(&head_));
+    EXPECT_EQ((std::vector<uintptr_t>{3}), fired2);
+    (void)b;
+}
+
+TEST_F(TimerLib, EqualExpiriesByRecordAddressAndTheProcessingLimit) {
+    kt4TmrHeadDestroy(&head_);
+    ASSERT_EQ(0, kt4TmrHeadInit(&head_, count_alloc, count_free, FALSE, 2));
+    std::vector<kt4Timer *> ts;
+    for (uint64_t t0 = 0; t0 != tick64Get();) { // all in one tick, so one expiry
+        for (kt4Timer *t : ts) {
+            kt4TimerDelete(t, &head_);
+            mine_.pop_back();
+        }
+        ts.clear();
+        t0 = tick64Get();
+        for (uintptr_t i = 0; i < 5; ++i)
+            ts.push_back(make(i, 1));
+    }
+    std::vector<kt4Timer *> sorted = ts;
+    std::sort(sorted.begin(), sorted.end(), std::less<kt4Timer *>());
+    std::vector<uintptr_t> want;
+    for (kt4Timer *t : sorted)
+        want.push_back(static_cast<uintptr_t>(std::find(ts.begin(), ts.end(), t) - ts.begin()));
+    EXPECT_EQ(-1, kt4TmrCompare(sorted[0], sorted[1]));
+    EXPECT_EQ(0, kt4TmrCompare(ts[0], ts[0]));
+    EXPECT_EQ(1, kt4TmrCompare(ts[0], nullptr));
+
+    advance(50);
+    EXPECT_EQ(3, kt4ProcTimers(&head_)); // MaxProcNum 2 lets three through
+    EXPECT_EQ(2, kt4ProcTimers(&head_));
+    EXPECT_EQ(want, fired);
+
+    // The thread form: its own maximum after each timer, and the yields past the yield count.
+    for (kt4Timer *t : ts)
+        kt4TimerEnable(t, &head_);
+    advance(50);
+    int thread = 0;
+    EXPECT_EQ(2, kt4ProcTimersThread(&head_, 0, 1, nullptr));
+    EXPECT_EQ(3, kt4ProcTimersThread(&head_, 1, 0, &thread));
+}
+
+TEST_F(TimerLib, PeriodicTimersRearmFromTheMomentTheyFire) {
+    kt4Timer *p = make(7, 1, 0, KT4_TIMER_PERIODIC);
+    advance(75); // 25 ticks late: the next period counts from now
+    EXPECT_EQ(1, kt4ProcTimers(&head_));
+    EXPECT_EQ("1", field(p, "T_nodeActive"));
+    advance(40);
+    EXPECT_EQ(0, kt4ProcTimers(&head_));
+    advance(10);
+    EXPECT_EQ(1, kt4ProcTimers(&head_));
+    advance(500); // many periods behind: still once per call
+    EXPECT_EQ(1, kt4ProcTimers(&head_));
+    kt4TimerDisable(p, &head_);
+    advance(100);
+    EXPECT_EQ(0, kt4ProcTimers(&head_));
+}
+
+TEST_F(TimerLib, CallbacksChangeTheirOwnHead) {
+    kt4Timer *self_del = make(1, 0, 1, KT4_TIMER_PERIODIC);
+    kt4Timer *rearm = make(2, 0, 2, KT4_TIMER_PERIODIC);
+    kt4Timer *killer = make(4, 0, 3);
+    kt4Timer *victim = make(3, 0, 6);
+    mine_ = {rearm, killer};
+    hook = [&](uintptr_t p) {
+        if (p == 1) kt4TimerDelete(self_del, &head_);          // released once the callback returns
+        if (p == 2) kt4TickTimerSet(rearm, 0, 3, cb2, &head_); // keeps what it set
+        if (p == 4) {
+            kt4TimerDelete(victim, &head_);
+            make(5, 0, -1); // due already: fired within this same call
+        }
+    };
+    advance(3);
+    EXPECT_EQ(4, kt4ProcTimers(&head_));
+    EXPECT_EQ((std::vector<uintptr_t>{1, 2, 4, 5}), fired);
+    EXPECT_EQ(2, frees);
+    advance(10);
+    kt4ProcTimers(&head_);
+    EXPECT_EQ((std::vector<uintptr_t>{2}), fired2);
+    EXPECT_EQ("1", field(rearm, "T_nodeActive")); // periodic with its new callback
+}
+
+TEST_F(TimerLib, IntervalIsFormedIn32BitsSignExtendedAndCallbackless) {
+    tick64Set(1, 0);   // far from 0, so a negative interval lies in the past
+    make(1, 42949673); // 2 147 483 650 ticks: negative in 32 bits
+    make(2, -1);
+    make(3, 1, -60);
+    kt4Timer *big = make(4, 42949672); // the largest that lies ahead
+    EXPECT_EQ(3, kt4ProcTimers(&head_));
+    EXPECT_EQ((std::vector<uintptr_t>{1, 2, 3}), fired);
+    uint64_t ahead = std::strtoull(field(big, "ExpTime").c_str(), nullptr, 16) - kt4TimerTickGet();
+    EXPECT_LE(ahead, 2147483600ull);
+    EXPECT_GE(ahead, 2147483600ull - 2);
+
+    // Without a callback a record is never unlinked; when due it is taken out unfired so
+    // that it cannot hold up the timers behind it.
+    kt4Timer *t = kt4TickTimerCreate(nullptr, 9, 0, 1, 0, &head_);
+    mine_.push_back(t);
+    EXPECT_EQ(-1, kt4TimerUnlink(t, &head_));
+    kt4TimerDisable(t, &head_);
+    EXPECT_EQ("1", field(t, "T_nodeActive"));
+    make(6, 0, 2);
+    advance(5);
+    EXPECT_EQ(1, kt4ProcTimers(&head_));
+    EXPECT_EQ(6u, fired.back());
+    EXPECT_EQ("0", field(t, "T_nodeActive"));
+}
+
+TEST_F(TimerLib, FlushReleasesTheLinkedTimers) {
+    for (uintptr_t i = 0; i < 20; ++i)
+        kt4TimerCreate(cb, i, static_cast<int32_t>(i % 4), 0, &head_);
+    EXPECT_EQ(0, kt4TmrFlushAll(&head_));
+    EXPECT_EQ(20, frees);
+    EXPECT_TRUE(kt4TmrTreeEmpty(&head_));
+    EXPECT_EQ(-1, kt4TmrHeadInit(nullptr, nullptr, nullptr, 0, 0));
+}
+
+TEST_F(TimerLib, TickOffsetAndInitFile) {
+    make(1, 1); // the library's clock moves its timers, not the tick source
+    std::string out = stdout_of([] { kt4TimerTickSet(0x5, 0x10); });
+    EXPECT_LT(kt4TimerTickGet() - 0x500000010ull, 50u);
+    EXPECT_EQ(1, kt4ProcTimers(&head_));
+    char off[KT4_TICK_STR_LEN];
+    EXPECT_EQ(0u, out.find(std::string("kt4TimerTickGetOffset is ") +
+                           kt4TimerTickGetStr(off, kt4TimerTickGetOffset()) +
+                           ", kt4TimerTickGet() is 0x5000000"))
+        << out;
+
+    char path[] = "/tmp/kt4_timer_tickXXXXXX";
+    int fd = mkstemp(path);
+    ASSERT_EQ(5, write(fd, "0x2A\n", 5));
+    close(fd);
+    out = stdout_of([&] { EXPECT_EQ(OK, kt4TimerInitTick(path)); });
+    EXPECT_EQ(0u, out.find("offsetStr is 0x2A offset is 0x2A\r\nkt4TimerTickGetOffset is ")) << out;
+    EXPECT_LT(kt4TimerTickGet() - 42, 50u);
+    FILE *f = std::fopen(path, "w");
+    std::fputs("010 and more", f);
+    std::fclose(f);
+    out = stdout_of([&] { kt4TimerInitTick(path); });
+    EXPECT_EQ(0u, out.find("offsetStr is 010 offset is 0x8\r\n")) << out;
+    unlink(path);
+    EXPECT_EQ(ERROR, kt4TimerInitTick(path));
+    stdout_of([] { // back to no offset
+        uint64_t raw = tick64Get();
+        kt4TimerTickSet(static_cast<uint32_t>(raw >> 32), static_cast<uint32_t>(raw));
+    });
+}
+
+TEST_F(TimerLib, DebugDumpTexts) {
+    make(0xB, 2, 5, KT4_TIMER_PERIODIC);
+    make(0xA, 1);
+    auto hex = [](const void *p) {
+        char s[32];
+        std::snprintf(s, sizeof s, "0x%08lx",
+                      static_cast<unsigned long>(reinterpret_cast<uintptr_t>(p)));
+        return std::string(s);
+    };
+    std::string out = stdout_of([&] { kt4DebugTimers(&head_); });
+    EXPECT_EQ(0u, out.find("========================\t0x")) << out;
+    size_t pos = 0;
+    for (const std::string &w :
+         {"\t========================\r\n===============\tTimer Head:" + hex(&head_) +
+              "\t============\r\n" + "TreeRoot: " + hex(head_.TreeRoot) +
+              "\r\nSemID: 0x00000000\r\nMaxProcNum: 0\r\n" +
+              "tmrAllocFnPtr: " + hex(reinterpret_cast<void *>(count_alloc)) +
+              "\r\ntmrFreeFnPtr: " + hex(reinterpret_cast<void *>(count_free)) +
+              "\r\n###############\tTimer:1\t############\r\nCB: " +
+              hex(reinterpret_cast<void *>(cb)) + "\r\nCurrent time is 0x",
+          std::string("\r\nExpTime: 0x"),
+          std::string(
+              "\r\nT-param: 0x0000000a\r\nT-time: 1\r\nT-ticks: 0\r\nT_type: 0\r\n"
+              "T_nodeActive: 1\r\nT_nodeEnabled: 1\r\n###############\tTimer:2\t############\r\n"),
+          std::string("T-param: 0x0000000b\r\nT-time: 2\r\nT-ticks: 5\r\nT_type: 3\r\n")}) {
+        pos = out.find(w, pos);
+        ASSERT_NE(std::string::npos, pos) << w << "\n---\n" << out;
+    }
+    EXPECT_EQ(0u,
+              stdout_of([] { kt4TimerPrintCurrentTick(); }).find("kt4TimerTickGetOffset is 0x"));
+}
+
+} // namespace

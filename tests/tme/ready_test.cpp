@@ -1,0 +1,86 @@
+// The ready message, byte for byte, as the card's task manager receives it.
+#include "tme/tme_env.h"
+
+#include <gtest/gtest.h>
+
+#include <future>
+#include <unistd.h>
+
+namespace {
+
+void be32_at(std::vector<unsigned char> &v, size_t off, uint32_t x) {
+    v[off] = static_cast<unsigned char>(x >> 24);
+    v[off + 1] = static_cast<unsigned char>(x >> 16);
+    v[off + 2] = static_cast<unsigned char>(x >> 8);
+    v[off + 3] = static_cast<unsigned char>(x);
+}
+
+TEST(TaskReady, SendsTheSeventyTwoByteMessageToTheTaskManager) {
+    const uint32_t tmeAddr = kt4_sysGetIpAddr();
+    const uint32_t tmeInst = kt4_sysGetInstance();
+    ASSERT_EQ(tmeAddr, tmetest::card_addr());
+    ASSERT_NE(tmeInst, 0xFFFFFFFFu);
+    const auto tmePort = static_cast<uint16_t>(kt4_getQueueId(13, static_cast<int>(tmeInst), 1));
+    tmetest::RawSocket tme(tmeAddr, tmePort);
+    ASSERT_TRUE(tme.ok());
+
+    const int service = 140, instance = 3;
+    const int key = kt4GetTaskKeyFromServiceAndInst(service, instance);
+    // Start-up opens the endpoint and announces the task.
+    ASSERT_EQ(kt4TaskStartup(key, 0), key);
+
+    uint32_t from = 0;
+    uint16_t fromPort = 0;
+    std::vector<unsigned char> got = tme.recv(2000, &from, &fromPort);
+    ASSERT_EQ(got.size(), 72u);
+    EXPECT_EQ(from, tmetest::card_addr());
+    EXPECT_EQ(fromPort, key | 1); // sent from the task's request queue
+
+    std::vector<unsigned char> want(72, 0);
+    be32_at(want, 0, 0xFEEDBEAF);
+    be32_at(want, 8, 72);
+    be32_at(want, 12, 1601);
+    be32_at(want, 24, 15);
+    be32_at(want, 36, static_cast<uint32_t>(tmetest::card_slot()));
+    be32_at(want, 40, tmetest::card_addr());
+    be32_at(want, 44, static_cast<uint32_t>(key | 2));
+    be32_at(want, 48, static_cast<uint32_t>(tmetest::card_slot()));
+    be32_at(want, 52, tmeAddr);
+    be32_at(want, 56, static_cast<uint32_t>(13 << 7 | tmeInst << 2 | 1));
+    be32_at(want, 60, static_cast<uint32_t>(taskIdSelf()));
+    be32_at(want, 64, static_cast<uint32_t>(getpid()));
+    be32_at(want, 68, static_cast<uint32_t>(service));
+    EXPECT_EQ(got, want);
+
+    // Announcing again sends the same message again.
+    ASSERT_EQ(kt4TaskReady(key), 0);
+    EXPECT_EQ(tme.recv(2000), want);
+
+    kt4IpcClose(key);
+    // Without an open request queue there is nothing to send from.
+    EXPECT_EQ(kt4TaskReady(key), -1);
+    EXPECT_TRUE(tme.recv(50).empty());
+}
+
+TEST(TaskReady, ARegisteredManagerReceivesAndAcknowledgesIt) {
+    const int tmeInst = static_cast<int>(kt4_sysGetInstance());
+    const int key = kt4GetTaskKeyFromServiceAndInst(141, 0);
+    ASSERT_EQ(kt4IpcOpen(141, 0), key);
+    const int tmeKey = kt4IpcOpen(13, tmeInst);
+    ASSERT_NE(tmeKey, -1);
+
+    // The send waits for the manager's acknowledgement when delivery is guaranteed.
+    auto ready = std::async(std::launch::async, [key] { return kt4TaskReady(key); });
+    unsigned char buf[128] = {};
+    int n = kt4IpcRecv(Key_getReqQueue(tmeKey), buf, sizeof buf, 5, KT4_TASK_READY_MSG_TYPE, 0);
+    EXPECT_EQ(n, KT4_TASK_READY_MSG_LEN);
+    EXPECT_EQ(ready.get(), 0);
+    EXPECT_EQ(kt4IpcHdrGet(buf, KT4_IPC_HDR_SRC_QID), static_cast<uint32_t>(key | 2));
+    EXPECT_EQ(kt4IpcHdrGet(buf, KT4_IPC_HDR_APP2), 15u);
+    EXPECT_EQ(buf[71], 141);
+
+    kt4IpcClose(tmeKey);
+    kt4IpcClose(key);
+}
+
+} // namespace

@@ -1,0 +1,397 @@
+// Semaphores and message queues: time-outs and no-wait codes, the turn rule's order, flush and
+// delete releasing every waiter before they return, stale ids, urgent messages and the
+// capacity-0 hand-over.
+#include "vx2bsd/vx_test.h"
+
+#include <kt4/hostsim.h>
+#include <kt4/vx2bsd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <condition_variable>
+#include <cstring>
+
+using namespace vxt;
+
+namespace {
+
+using Semaphores = VxTest;
+using Queues = VxTest;
+
+TEST_F(Semaphores, NoWaitTimeoutAndInvalidIds) {
+    SEM_ID b = semBCreate(SEM_Q_FIFO, SEM_EMPTY);
+    ASSERT_NE(0u, b);
+    errno = 0;
+    EXPECT_EQ(ERROR, semTake(b, NO_WAIT));
+    EXPECT_EQ(S_objLib_OBJ_UNAVAILABLE, errno);
+    auto t0 = Clock::now();
+    errno = 0;
+    EXPECT_EQ(ERROR, semTake(b, 5));
+    long waited = ms_since(t0);
+    EXPECT_EQ(S_objLib_OBJ_TIMEOUT, errno);
+    EXPECT_GE(waited, 90);
+    EXPECT_LT(waited, 1000);
+
+    // No upper bound: a binary semaphore given twice holds two tokens.
+    EXPECT_EQ(OK, semGive(b));
+    EXPECT_EQ(OK, semGive(b));
+    EXPECT_EQ(OK, semTake(b, NO_WAIT));
+    EXPECT_EQ(OK, semTake(b, NO_WAIT));
+    EXPECT_EQ(ERROR, semTake(b, NO_WAIT));
+
+    SEM_ID c = semCCreate(SEM_Q_PRIORITY, 3);
+    for (int i = 0; i < 3; ++i)
+        EXPECT_EQ(OK, semTake(c, NO_WAIT));
+    EXPECT_EQ(ERROR, semTake(c, NO_WAIT));
+
+    EXPECT_EQ(OK, semDelete(b));
+    EXPECT_EQ(OK, semDelete(c));
+    for (SEM_ID bad : {b, c, SEM_ID{0}, SEM_ID{12345}}) {
+        errno = 0;
+        EXPECT_EQ(ERROR, semTake(bad, NO_WAIT));
+        EXPECT_EQ(S_objLib_OBJ_ID_ERROR, errno);
+        errno = 0;
+        EXPECT_EQ(ERROR, semGive(bad));
+        EXPECT_EQ(S_objLib_OBJ_ID_ERROR, errno);
+    }
+}
+
+TEST_F(Semaphores, StaleIdFailsAfterItsEntryIsReused) {
+    SEM_ID old_id = semBCreate(SEM_Q_FIFO, SEM_FULL);
+    ASSERT_EQ(OK, semDelete(old_id));
+    // The search for a free entry moves on from the last one taken: a full round of the
+    // 2304-entry table brings it back to the old entry with the next generation.
+    SEM_ID reused = 0;
+    for (int i = 0; i < 2304 && reused == 0; ++i) {
+        SEM_ID s = semCCreate(SEM_Q_FIFO, 0);
+        ASSERT_NE(0u, s);
+        if (s % 2304 == old_id % 2304)
+            reused = s;
+        else
+            ASSERT_EQ(OK, semDelete(s));
+    }
+    ASSERT_NE(0u, reused);
+    EXPECT_EQ(old_id + 2304, reused);
+    for (auto op : {semGive, semFlush, semDelete}) {
+        errno = 0;
+        EXPECT_EQ(ERROR, op(old_id));
+        EXPECT_EQ(S_objLib_OBJ_ID_ERROR, errno);
+    }
+    EXPECT_EQ(OK, semGive(reused)); // the new one is untouched
+    EXPECT_EQ(OK, semTake(reused, NO_WAIT));
+    EXPECT_EQ(OK, semDelete(reused));
+}
+
+TEST_F(Semaphores, MutexRecursionOwnershipAndDeleteSafety) {
+    SEM_ID m = semMCreate(SEM_Q_FIFO | SEM_DELETE_SAFE);
+    for (int i = 0; i < 3; ++i)
+        ASSERT_EQ(OK, semTake(m, NO_WAIT));
+    std::atomic<int> give_errno{0}, take_rc{1};
+    int other = spawn("tOther", 100, [&] {
+        if (semGive(m) == ERROR) give_errno = errno;
+        take_rc = semTake(m, WAIT_FOREVER);
+        semGive(m);
+    });
+    ASSERT_TRUE(eventually([&] { return pended(other); }));
+    EXPECT_EQ(S_semLib_INVALID_OPERATION, give_errno.load());
+    EXPECT_EQ(OK, semGive(m));
+    EXPECT_EQ(OK, semGive(m));
+    std::this_thread::sleep_for(std::chrono::milliseconds(30));
+    EXPECT_TRUE(pended(other)); // two of three gives: still ours
+    EXPECT_EQ(OK, semGive(m));
+    EXPECT_TRUE(eventually([&] { return gone(other); }));
+    EXPECT_EQ(OK, take_rc.load());
+    errno = 0;
+    EXPECT_EQ(ERROR, semFlush(m));
+    EXPECT_EQ(S_semLib_INVALID_OPERATION, errno);
+
+    // Delete safety: a task holding the semaphore is deleted only once it gives it.
+    Steps steps;
+    SEM_ID go = semBCreate(SEM_Q_FIFO, SEM_EMPTY);
+    int holder = spawn("tHolder", 100, [&] {
+        semTake(m, WAIT_FOREVER);
+        semTake(go, WAIT_FOREVER);
+        steps.add("give");
+        semGive(m);
+        park();
+    });
+    ASSERT_TRUE(eventually([&] { return pended(holder); }));
+    int deleter = spawn("tDeleter", 100, [&] {
+        STATUS rc = taskDelete(holder);
+        steps.add(rc == OK ? "deleted" : "failed");
+    });
+    ASSERT_TRUE(eventually([&] { return pended(deleter); }));
+    semGive(go);
+    ASSERT_TRUE(steps.wait_size(2));
+    EXPECT_EQ((std::vector<std::string>{"give", "deleted"}), steps.get());
+    EXPECT_TRUE(eventually([&] { return gone(holder) && gone(deleter); }));
+    semDelete(go);
+    semDelete(m);
+}
+
+TEST_F(Semaphores, FifoWaitersTakeTokensInArrivalOrder) {
+    Steps steps;
+    SEM_ID s = semBCreate(SEM_Q_FIFO, SEM_EMPTY);
+    std::vector<int> ids;
+    for (const char *name : {"tW1", "tW2", "tW3"}) {
+        int id = spawn(name, 100, [&steps, s, name] {
+            steps.add(std::string(name) + " waits");
+            semTake(s, WAIT_FOREVER);
+            steps.add(std::string(name) + " takes");
+        });
+        ASSERT_TRUE(eventually([&] { return pended(id); }));
+        ids.push_back(id);
+    }
+    for (size_t i = 0; i < ids.size(); ++i) {
+        semGive(s);
+        ASSERT_TRUE(steps.wait_size(4 + i));
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    EXPECT_EQ((std::vector<std::string>{"tW1 waits", "tW2 waits", "tW3 waits", "tW1 takes",
+                                        "tW2 takes", "tW3 takes"}),
+              steps.get());
+    EXPECT_TRUE(eventually([&] { return gone(ids[0]) && gone(ids[1]) && gone(ids[2]); }));
+    semDelete(s);
+}
+
+// Waiters that record their result and then stay ready (a plain condition variable, which the
+// layer does not see) until the test lets them go.
+struct Waiters {
+    std::mutex m;
+    std::condition_variable cv;
+    bool release = false;
+    Steps results;
+    std::vector<int> ids;
+
+    void hold() {
+        std::unique_lock<std::mutex> g(m);
+        cv.wait(g, [this] { return release; });
+    }
+    void let_go() {
+        {
+            std::lock_guard<std::mutex> g(m);
+            release = true;
+        }
+        cv.notify_all();
+    }
+};
+
+void start_waiters(Waiters &w, SEM_ID s, int n) {
+    for (int i = 0; i < n; ++i) {
+        int id = spawn(nullptr, 100, [&w, s] {
+            STATUS rc = semTake(s, WAIT_FOREVER);
+            w.results.add(rc == OK ? "OK" : "ERROR " + std::to_string(errno));
+            w.hold();
+        });
+        ASSERT_TRUE(eventually([&] { return pended(id); }));
+        w.ids.push_back(id);
+    }
+}
+
+TEST_F(Semaphores, FlushReleasesEveryWaiterBeforeItReturns) {
+    SEM_ID s = semBCreate(SEM_Q_FIFO, SEM_EMPTY);
+    Waiters w;
+    start_waiters(w, s, 3);
+    ASSERT_EQ(OK, semFlush(s));
+    for (int id : w.ids)
+        EXPECT_TRUE(taskIsReady(id)) << id; // none waits any more
+    ASSERT_TRUE(w.results.wait_size(3));
+    EXPECT_EQ((std::vector<std::string>{"OK", "OK", "OK"}), w.results.get());
+    errno = 0;
+    EXPECT_EQ(ERROR, semTake(s, NO_WAIT)); // the count stayed 0
+    EXPECT_EQ(S_objLib_OBJ_UNAVAILABLE, errno);
+    EXPECT_EQ(OK, semFlush(s)); // nobody waiting
+    w.let_go();
+    EXPECT_TRUE(eventually([&] { return task_count() == kServiceTasks; }));
+    semDelete(s);
+}
+
+TEST_F(Semaphores, DeleteReleasesEveryWaiterWithAnError) {
+    SEM_ID s = semCCreate(SEM_Q_PRIORITY, 0);
+    Waiters w;
+    start_waiters(w, s, 3);
+    ASSERT_EQ(OK, semDelete(s));
+    for (int id : w.ids)
+        EXPECT_TRUE(taskIsReady(id)) << id;
+    ASSERT_TRUE(w.results.wait_size(3));
+    std::string code = "ERROR " + std::to_string(S_objLib_OBJ_ID_ERROR);
+    EXPECT_EQ((std::vector<std::string>{code, code, code}), w.results.get());
+    w.let_go();
+    EXPECT_TRUE(eventually([&] { return task_count() == kServiceTasks; }));
+}
+
+std::string recv_str(MSG_Q_ID q, int timeout = NO_WAIT) {
+    char buf[16];
+    int n = msgQReceive(q, buf, sizeof buf, timeout);
+    return n < 0 ? "ERROR" : std::string(buf, static_cast<size_t>(n));
+}
+
+STATUS send_str(MSG_Q_ID q, const std::string &s, int timeout = NO_WAIT, int pri = MSG_PRI_NORMAL) {
+    return msgQSend(q, s.data(), static_cast<unsigned>(s.size()), timeout, pri);
+}
+
+TEST_F(Queues, UrgentMessagesGoInFrontOfAllOthers) {
+    MSG_Q_ID q = msgQCreate(5, 16, MSG_Q_FIFO);
+    ASSERT_NE(nullptr, q);
+    for (const char *m : {"n1", "n2", "n3"})
+        ASSERT_EQ(OK, send_str(q, m));
+    ASSERT_EQ(OK, send_str(q, "u1", NO_WAIT, MSG_PRI_URGENT));
+    ASSERT_EQ(OK, send_str(q, "u2", NO_WAIT, MSG_PRI_URGENT));
+    EXPECT_EQ(5, msgQNumMsgs(q));
+    errno = 0;
+    EXPECT_EQ(ERROR, send_str(q, "full"));
+    EXPECT_EQ(S_objLib_OBJ_UNAVAILABLE, errno);
+    std::vector<std::string> got;
+    for (int i = 0; i < 5; ++i)
+        got.push_back(recv_str(q));
+    EXPECT_EQ((std::vector<std::string>{"u2", "u1", "n1", "n2", "n3"}), got);
+    // The ring wraps in both directions.
+    for (int round = 0; round < 7; ++round) {
+        ASSERT_EQ(OK, send_str(q, "a" + std::to_string(round)));
+        ASSERT_EQ(OK, send_str(q, "b" + std::to_string(round), NO_WAIT, MSG_PRI_URGENT));
+        EXPECT_EQ("b" + std::to_string(round), recv_str(q));
+        EXPECT_EQ("a" + std::to_string(round), recv_str(q));
+    }
+    EXPECT_EQ(OK, msgQDelete(q));
+}
+
+TEST_F(Queues, LengthChecksTimeoutsAndInvalidIds) {
+    MSG_Q_ID q = msgQCreate(2, 8, MSG_Q_FIFO);
+    char buf[8];
+    errno = 0;
+    EXPECT_EQ(ERROR, msgQSend(q, "123456789", 9, NO_WAIT, MSG_PRI_NORMAL));
+    EXPECT_EQ(S_msgQLib_INVALID_MSG_LENGTH, errno);
+    ASSERT_EQ(OK, send_str(q, "hi"));
+    errno = 0;
+    EXPECT_EQ(ERROR, msgQReceive(q, buf, 7, NO_WAIT)); // one byte short of the largest message
+    EXPECT_EQ(S_msgQLib_INVALID_MSG_LENGTH, errno);
+    EXPECT_EQ(0, msgQReceive(q, nullptr, 8, NO_WAIT)); // discarded
+    EXPECT_EQ(0, msgQNumMsgs(q));
+    buf[0] = 'x';
+    errno = 0;
+    EXPECT_EQ(ERROR, msgQReceive(q, buf, sizeof buf, NO_WAIT));
+    EXPECT_EQ(S_objLib_OBJ_UNAVAILABLE, errno);
+    EXPECT_EQ(0, buf[0]);
+    auto t0 = Clock::now();
+    errno = 0;
+    EXPECT_EQ(ERROR, msgQReceive(q, buf, sizeof buf, 5));
+    EXPECT_EQ(S_objLib_OBJ_TIMEOUT, errno);
+    EXPECT_GE(ms_since(t0), 90);
+    ASSERT_EQ(OK, send_str(q, "a"));
+    ASSERT_EQ(OK, send_str(q, "b"));
+    t0 = Clock::now();
+    errno = 0;
+    EXPECT_EQ(ERROR, send_str(q, "c", 5));
+    EXPECT_EQ(S_objLib_OBJ_TIMEOUT, errno);
+    EXPECT_GE(ms_since(t0), 90);
+    EXPECT_EQ(OK, msgQDelete(q));
+    errno = 0;
+    EXPECT_EQ(ERROR, msgQNumMsgs(q));
+    EXPECT_EQ(S_objLib_OBJ_ID_ERROR, errno);
+    errno = 0;
+    EXPECT_EQ(ERROR, send_str(q, "x"));
+    EXPECT_EQ(S_objLib_OBJ_ID_ERROR, errno);
+}
+
+TEST_F(Queues, CapacityZeroHandsOverOnlyToAWaitingReceiver) {
+    MSG_Q_ID q = msgQCreate(0, 16, MSG_Q_FIFO);
+    ASSERT_NE(nullptr, q);
+    errno = 0;
+    EXPECT_EQ(ERROR, send_str(q, "nobody"));
+    EXPECT_EQ(S_objLib_OBJ_UNAVAILABLE, errno);
+
+    // Receiver first: the send is taken into the spare slot at once.
+    Steps steps;
+    int r = spawn("tRecv", 100, [&] { steps.add("got " + recv_str(q, WAIT_FOREVER)); });
+    ASSERT_TRUE(eventually([&] { return pended(r); }));
+    EXPECT_EQ(OK, send_str(q, "first"));
+    ASSERT_TRUE(steps.wait_size(1));
+
+    // Sender first: it waits until a receiver comes for the message.
+    int s = spawn("tSend", 100, [&] {
+        steps.add("sending");
+        STATUS rc = send_str(q, "second", WAIT_FOREVER);
+        steps.add(rc == OK ? "sent" : "send failed");
+    });
+    ASSERT_TRUE(eventually([&] { return pended(s); }));
+    EXPECT_EQ(0, msgQNumMsgs(q));
+    std::string got = recv_str(q, 50);
+    ASSERT_TRUE(steps.wait_size(3));
+    EXPECT_EQ("second", got);
+    EXPECT_EQ((std::vector<std::string>{"got first", "sending", "sent"}), steps.get());
+    EXPECT_TRUE(eventually([&] { return gone(r) && gone(s); }));
+    EXPECT_EQ(OK, msgQDelete(q));
+}
+
+TEST_F(Queues, SendersWaitForSpaceInArrivalOrder) {
+    MSG_Q_ID q = msgQCreate(1, 16, MSG_Q_FIFO);
+    ASSERT_EQ(OK, send_str(q, "m0"));
+    std::vector<int> ids;
+    for (const char *m : {"m1", "m2", "m3"}) {
+        int id = spawn(nullptr, 100, [q, m] { send_str(q, m, WAIT_FOREVER); });
+        ASSERT_TRUE(eventually([&] { return pended(id); }));
+        ids.push_back(id);
+    }
+    std::vector<std::string> got;
+    for (int i = 0; i < 4; ++i)
+        got.push_back(recv_str(q, 100));
+    EXPECT_EQ((std::vector<std::string>{"m0", "m1", "m2", "m3"}), got);
+    EXPECT_TRUE(eventually([&] { return task_count() == kServiceTasks; }));
+    EXPECT_EQ(OK, msgQDelete(q));
+}
+
+TEST_F(Queues, DeleteReleasesReceiversAndSendersBeforeItReturns) {
+    MSG_Q_ID empty = msgQCreate(2, 8, MSG_Q_PRIORITY);
+    MSG_Q_ID full = msgQCreate(1, 8, MSG_Q_FIFO);
+    ASSERT_EQ(OK, send_str(full, "x"));
+    Waiters w;
+    for (int i = 0; i < 4; ++i) {
+        bool receiver = i % 2 == 0;
+        int id = spawn(nullptr, 100, [&w, empty, full, receiver] {
+            char buf[8] = {'?'};
+            int rc = receiver ? msgQReceive(empty, buf, sizeof buf, WAIT_FOREVER)
+                              : send_str(full, "y", WAIT_FOREVER);
+            w.results.add(rc == ERROR
+                              ? std::to_string(errno) + (receiver && buf[0] == 0 ? " cleared" : "")
+                              : "OK");
+            w.hold();
+        });
+        ASSERT_TRUE(eventually([&] { return pended(id); }));
+        w.ids.push_back(id);
+    }
+    ASSERT_EQ(OK, msgQDelete(empty));
+    ASSERT_EQ(OK, msgQDelete(full));
+    for (int id : w.ids)
+        EXPECT_TRUE(taskIsReady(id)) << id;
+    ASSERT_TRUE(w.results.wait_size(4));
+    std::string del = std::to_string(S_objLib_OBJ_DELETED);
+    auto r = w.results.get();
+    std::sort(r.begin(), r.end());
+    EXPECT_EQ((std::vector<std::string>{del, del, del + " cleared", del + " cleared"}), r);
+    w.let_go();
+    EXPECT_TRUE(eventually([&] { return task_count() == kServiceTasks; }));
+}
+
+TEST_F(Queues, NothingLeaksOverManyObjects) {
+    // The memory-check registration is switched on for the whole process (KT4_MC_ON=1, as the
+    // test runs set it): switching it here would race with the last test's dying threads.
+    if (!gKT4MCOn) GTEST_SKIP() << "needs KT4_MC_ON=1";
+    size_t base = MCLiveCount();
+    for (int round = 0; round < 20; ++round) {
+        MSG_Q_ID q = msgQCreate(4, 16, MSG_Q_FIFO);
+        SEM_ID s = semMCreate(SEM_Q_PRIORITY);
+        WDOG_ID wd = wdCreate();
+        VX2BSD_TIMER_ID tm = vx2bsdTimerCreate();
+        int t = spawn("tCycle", 100, [q] { send_str(q, "done", WAIT_FOREVER); });
+        EXPECT_EQ("done", recv_str(q, 100));
+        EXPECT_TRUE(eventually([&] { return gone(t); }));
+        EXPECT_EQ(OK, msgQDelete(q));
+        EXPECT_EQ(OK, semDelete(s));
+        EXPECT_EQ(OK, wdDelete(wd));
+        EXPECT_EQ(OK, vx2bsdTimerDelete(tm));
+    }
+    // The last task's TCB is freed by its own thread just after it leaves the list.
+    EXPECT_TRUE(eventually([&] { return MCLiveCount() == base; })) << MCLiveCount() - base;
+}
+
+} // namespace

@@ -1,0 +1,432 @@
+// Tasks: ids and names, deletion with hooks and the safe-delete rendezvous, suspension,
+// restart, the taskLock priority boost, delays and the host's scheduling.
+#include "vx2bsd/vx_test.h"
+
+#include <kt4/vx2bsd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+
+using namespace vxt;
+
+namespace {
+
+using Tasks = VxTest;
+
+TEST_F(Tasks, IdsNamesAndQueries) {
+    SEM_ID hold = semBCreate(SEM_Q_FIFO, SEM_EMPTY);
+    auto wait_hold = [hold] { semTake(hold, WAIT_FOREVER); };
+    int a = spawn("tA", 100, wait_hold);
+    int b = spawn("tB", 120, wait_hold);
+    int c = spawn(nullptr, 130, wait_hold);
+    ASSERT_EQ(1, a);
+    ASSERT_EQ(2, b);
+    ASSERT_EQ(3, c);
+    EXPECT_STREQ("t3", taskName(c));
+    EXPECT_EQ(b, taskNameToId("tB"));
+    EXPECT_EQ(ERROR, taskNameToId("nobody"));
+    EXPECT_EQ(ERROR, taskNameToId(nullptr));
+
+    // An id freed at the top is handed out again.
+    ASSERT_EQ(OK, taskDelete(c));
+    int d = spawn("tD", 140, wait_hold);
+    EXPECT_EQ(3, d);
+
+    int prio = -1;
+    EXPECT_EQ(OK, taskPriorityGet(b, &prio));
+    EXPECT_EQ(120, prio);
+    errno = 0;
+    EXPECT_EQ(ERROR, taskPriorityGet(0, &prio)); // 0 is not the caller here
+    EXPECT_EQ(S_objLib_OBJ_ID_ERROR, errno);
+    // Outside 0..255: stored all the same, and reported.
+    errno = 0;
+    EXPECT_EQ(ERROR, taskPrioritySet(b, 300));
+    EXPECT_EQ(S_taskLib_ILLEGAL_PRIORITY, errno);
+    EXPECT_EQ(OK, taskPriorityGet(b, &prio));
+    EXPECT_EQ(300, prio);
+    EXPECT_EQ(OK, taskPrioritySet(b, 90));
+
+    TASK_DESC desc;
+    ASSERT_EQ(OK, taskInfoGet(a, &desc));
+    EXPECT_EQ(a, desc.td_id);
+    EXPECT_STREQ("tA", desc.td_name);
+    EXPECT_EQ(100, desc.td_priority);
+    EXPECT_EQ(&run_fn, desc.td_entry);
+    EXPECT_EQ(0, desc.td_status);
+
+    int before = task_count();
+    errno = 0;
+    EXPECT_EQ(ERROR, spawn("tBad", 300, [] {}));
+    EXPECT_EQ(S_taskLib_ILLEGAL_PRIORITY, errno);
+    EXPECT_EQ(before, task_count());
+    EXPECT_EQ(ERROR, taskNameToId("tBad"));
+
+    EXPECT_EQ(OK, taskIdVerify(a));
+    EXPECT_EQ(ERROR, taskIdVerify(0)); // the test thread is not a task
+    EXPECT_EQ(0, taskIdSelf());
+    EXPECT_EQ(nullptr, taskTcb(4711));
+    EXPECT_NE(nullptr, taskTcb(a));
+    EXPECT_EQ(0, taskIdListGet(nullptr, 10));
+
+    for (int id : {a, b, d})
+        EXPECT_EQ(OK, taskDelete(id));
+    errno = 0;
+    EXPECT_EQ(ERROR, taskDelete(a));
+    EXPECT_EQ(S_objLib_OBJ_DELETED, errno);
+    EXPECT_EQ(OK, semDelete(hold));
+}
+
+TEST_F(Tasks, TaskInitAndActivateWithCallerStorage) {
+    static WIND_TCB tcb;
+    static std::atomic<int> runs{0};
+    auto entry = [](kt4_arg_t x, kt4_arg_t, kt4_arg_t, kt4_arg_t, kt4_arg_t, kt4_arg_t, kt4_arg_t,
+                    kt4_arg_t, kt4_arg_t, kt4_arg_t y) -> int {
+        runs += static_cast<int>(x + y);
+        return 0;
+    };
+    errno = 0;
+    EXPECT_EQ(ERROR, taskInit(nullptr, "x", 1, 0, nullptr, 0, entry, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0));
+    EXPECT_EQ(S_objLib_OBJ_ID_ERROR, errno);
+    ASSERT_EQ(OK,
+              taskInit(&tcb, "tStatic", 100, 0, nullptr, 0, entry, 1, 0, 0, 0, 0, 0, 0, 0, 0, 2));
+    int id = static_cast<int>(reinterpret_cast<uintptr_t>(&tcb));
+    EXPECT_EQ(id, taskNameToId("tStatic"));
+    EXPECT_FALSE(taskIsReady(id)); // created, not activated
+    ASSERT_EQ(OK, taskActivate(id));
+    EXPECT_TRUE(eventually([&] { return gone(id); }));
+    EXPECT_EQ(3, runs.load());
+    // The caller's storage can be used again once the task has gone.
+    errno = 0;
+    EXPECT_EQ(ERROR,
+              taskInit(&tcb, "tStatic", 256, 0, nullptr, 0, entry, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0));
+    EXPECT_EQ(S_taskLib_ILLEGAL_PRIORITY, errno);
+    EXPECT_TRUE(gone(id));
+    errno = 0;
+    EXPECT_EQ(ERROR, taskActivate(id));
+    EXPECT_EQ(S_objLib_OBJ_ID_ERROR, errno);
+}
+
+Steps hook_steps;
+void hook_a(WIND_TCB *, const char *name) {
+    hook_steps.add(std::string("A:") + name);
+}
+void hook_b(WIND_TCB *tcb, const char *name) {
+    // Runs in the thread that tears the task down: the dying task itself when it ended itself.
+    bool own = taskTcb(0) == tcb;
+    hook_steps.add(std::string("B:") + name + (own ? ":own-thread" : ":other-thread"));
+}
+
+TEST_F(Tasks, DeleteHooksRunNewestFirstWhenTheEntryReturns) {
+    ASSERT_EQ(0, taskDeleteHookAdd(hook_a));
+    ASSERT_EQ(0, taskDeleteHookAdd(hook_b));
+    int t = spawn("tReturns", 100, [] { hook_steps.add("entry"); });
+    ASSERT_TRUE(eventually([&] { return gone(t) && hook_steps.size() == 3; }));
+    EXPECT_EQ((std::vector<std::string>{"entry", "B:tReturns:own-thread", "A:tReturns"}),
+              hook_steps.get());
+
+    // Deleted by another thread: the hooks run in the deleter.
+    int p = spawn("tParked", 100, park);
+    ASSERT_EQ(OK, taskDelete(p));
+    EXPECT_EQ("B:tParked:other-thread", hook_steps.get()[3]);
+
+    EXPECT_EQ(0, taskDeleteHookDelete(hook_a));
+    EXPECT_EQ(0, taskDeleteHookDelete(hook_b));
+    EXPECT_EQ(S_taskLib_TASK_HOOK_NOT_FOUND, taskDeleteHookDelete(hook_b));
+}
+
+void nop_hook(WIND_TCB *, const char *) {}
+
+TEST_F(Tasks, HookTableHoldsSixtyThreeHooks) {
+    int added = 0;
+    while (taskDeleteHookAdd(nop_hook) == 0)
+        ++added;
+    EXPECT_EQ(S_taskLib_TASK_HOOK_TABLE_FULL, taskDeleteHookAdd(nop_hook));
+    EXPECT_EQ(62, added); // the task manager's exit hook holds one slot
+    int removed = 0;
+    while (taskDeleteHookDelete(nop_hook) == 0)
+        ++removed;
+    EXPECT_EQ(added, removed);
+    // The table still works after filling and emptying.
+    ASSERT_EQ(0, taskDeleteHookAdd(hook_a));
+    hook_steps.add("--");
+    size_t mark = hook_steps.size();
+    int t = spawn("tAfterFull", 100, [] {});
+    ASSERT_TRUE(eventually([&] { return gone(t) && hook_steps.size() == mark + 1; }));
+    EXPECT_EQ("A:tAfterFull", hook_steps.get().back());
+    EXPECT_EQ(0, taskDeleteHookDelete(hook_a));
+}
+
+TEST_F(Tasks, DeletionWaitsForSafeTaskAndLastDeleterDeletes) {
+    Steps steps;
+    SEM_ID go = semBCreate(SEM_Q_FIFO, SEM_EMPTY);
+    std::atomic<bool> safe{false};
+    int target = spawn("tSafe", 100, [&] {
+        taskSafe();
+        taskSafe(); // nests
+        safe = true;
+        semTake(go, WAIT_FOREVER);
+        steps.add("unsafe");
+        taskUnsafe();
+        taskUnsafe();
+        park();
+    });
+    ASSERT_TRUE(eventually([&] { return safe.load(); }));
+    std::atomic<int> results{0};
+    auto deleter = [&](const char *tag) {
+        return [&, tag] {
+            STATUS rc = taskDelete(target);
+            steps.add(std::string(tag) + (rc == OK ? " OK" : " ERROR"));
+            results++;
+        };
+    };
+    int d1 = spawn("tDel1", 100, deleter("d1"));
+    ASSERT_TRUE(eventually([&] { return pended(d1); }));
+    int d2 = spawn("tDel2", 100, deleter("d2"));
+    ASSERT_TRUE(eventually([&] { return pended(d2); }));
+    // A deleter of its own safe self is refused at once.
+    std::atomic<int> self_errno{0};
+    int selfish = spawn("tSelfish", 100, [&] {
+        taskSafe();
+        if (taskDelete(0) == ERROR) self_errno = errno;
+        taskUnsafe();
+    });
+    ASSERT_TRUE(eventually([&] { return gone(selfish); }));
+    EXPECT_EQ(S_objLib_OBJ_UNAVAILABLE, self_errno.load());
+
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    EXPECT_EQ(0u, steps.size());
+    EXPECT_EQ(OK, taskIdVerify(target));
+    ASSERT_EQ(OK, semGive(go));
+    ASSERT_TRUE(eventually([&] { return results == 2 && gone(target); }));
+    auto s = steps.get();
+    ASSERT_EQ(3u, s.size());
+    EXPECT_EQ("unsafe", s[0]);
+    EXPECT_EQ((std::vector<std::string>{"d1 OK", "d2 OK"}),
+              (std::vector<std::string>{std::min(s[1], s[2]), std::max(s[1], s[2])}));
+    semDelete(go);
+}
+
+TEST_F(Tasks, DeletingABlockedTaskLeavesNoStaleWaiter) {
+    // A FIFO semaphore admits only its first waiter: a deleted waiter left on the list would
+    // block everyone behind it.
+    SEM_ID s = semBCreate(SEM_Q_FIFO, SEM_EMPTY);
+    MSG_Q_ID q = msgQCreate(1, 8, MSG_Q_FIFO);
+    SEM_ID m = semMCreate(SEM_Q_FIFO);
+    ASSERT_EQ(OK, semTake(m, NO_WAIT));
+    int t1 = spawn("tOnSem", 100, [&] { semTake(s, WAIT_FOREVER); });
+    int t2 = spawn("tOnQueue", 100, [&] {
+        char buf[8];
+        msgQReceive(q, buf, sizeof buf, WAIT_FOREVER);
+    });
+    int t3 = spawn("tOnMutex", 100, [&] { semTake(m, 100); });
+    ASSERT_TRUE(eventually([&] { return pended(t1) && pended(t2) && pended(t3); }));
+    EXPECT_EQ(OK, taskDeleteForce(t1));
+    EXPECT_EQ(OK, taskDelete(t2));
+    EXPECT_EQ(OK, taskDelete(t3));
+    EXPECT_EQ(OK, semGive(s));
+    EXPECT_EQ(OK, semTake(s, NO_WAIT));
+    EXPECT_EQ(OK, msgQSend(q, "x", 1, NO_WAIT, MSG_PRI_NORMAL));
+    char buf[8];
+    EXPECT_EQ(1, msgQReceive(q, buf, sizeof buf, NO_WAIT));
+    EXPECT_EQ(OK, semGive(m));
+    EXPECT_EQ(OK, semDelete(s));
+    EXPECT_EQ(OK, msgQDelete(q));
+    EXPECT_EQ(OK, semDelete(m));
+}
+
+TEST_F(Tasks, SuspendAndResumeAnotherTaskWithInvertedResults) {
+    std::atomic<long> count{0};
+    int t = spawn("tCounter", 100, [&] {
+        for (;;) {
+            ++count;
+            taskDelay(0);
+            taskDelay(1);
+        }
+    });
+    ASSERT_TRUE(eventually([&] { return count > 3; }));
+    errno = 0;
+    EXPECT_EQ(ERROR, taskSuspend(t)); // suspended all the same
+    EXPECT_EQ(S_objLib_OBJ_ID_ERROR, errno);
+    EXPECT_TRUE(taskIsSuspended(t));
+    EXPECT_FALSE(taskIsReady(t));
+    EXPECT_EQ(OK, taskSuspend(t)); // already suspended
+    long frozen = count;
+    std::this_thread::sleep_for(std::chrono::milliseconds(100)); // the process keeps running
+    EXPECT_EQ(frozen, count.load());
+    errno = 0;
+    EXPECT_EQ(ERROR, taskResume(t)); // running again all the same
+    EXPECT_EQ(S_objLib_OBJ_DELETED, errno);
+    EXPECT_FALSE(taskIsSuspended(t));
+    EXPECT_TRUE(eventually([&] { return count > frozen + 3; }));
+    EXPECT_EQ(OK, taskResume(t)); // not suspended
+    errno = 0;
+    EXPECT_EQ(ERROR, taskSuspend(4711));
+    EXPECT_EQ(S_objLib_OBJ_ID_ERROR, errno);
+
+    // A suspended task can be deleted.
+    EXPECT_EQ(ERROR, taskSuspend(t));
+    EXPECT_EQ(OK, taskDelete(t));
+}
+
+TEST_F(Tasks, TaskSuspendsItselfUntilResumed) {
+    Steps steps;
+    int t = spawn("tSelfStop", 100, [&] {
+        steps.add("before");
+        taskSuspend(0);
+        steps.add("after");
+    });
+    ASSERT_TRUE(eventually([&] { return taskIsSuspended(t); }));
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    EXPECT_EQ(std::vector<std::string>{"before"}, steps.get());
+    taskResume(t);
+    ASSERT_TRUE(steps.wait_size(2));
+    EXPECT_EQ((std::vector<std::string>{"before", "after"}), steps.get());
+    EXPECT_TRUE(eventually([&] { return gone(t); }));
+}
+
+struct RestartState {
+    std::atomic<int> starts{0};
+    int restart_self_until = 0;
+    SEM_ID never = 0;
+};
+
+// A restarted task runs its entry again with the same arguments, so its state lives there.
+int restart_entry(kt4_arg_t arg, kt4_arg_t, kt4_arg_t, kt4_arg_t, kt4_arg_t, kt4_arg_t, kt4_arg_t,
+                  kt4_arg_t, kt4_arg_t, kt4_arg_t) {
+    auto *st = reinterpret_cast<RestartState *>(arg);
+    int n = ++st->starts;
+    if (n < st->restart_self_until) taskRestart(0); // through a watchdog in tExcTask
+    if (st->never != 0) semTake(st->never, WAIT_FOREVER);
+    return 0;
+}
+
+TEST_F(Tasks, RestartAnotherTaskAndItself) {
+    RestartState other;
+    other.never = semBCreate(SEM_Q_FIFO, SEM_EMPTY);
+    int t = taskSpawn("tRestarted", 100, 0, 0, restart_entry, reinterpret_cast<kt4_arg_t>(&other),
+                      0, 0, 0, 0, 0, 0, 0, 0, 0);
+    ASSERT_TRUE(eventually([&] { return other.starts == 1 && pended(t); }));
+    EXPECT_EQ(OK, taskRestart(t));
+    EXPECT_TRUE(eventually([&] { return other.starts == 2 && pended(t); }));
+    EXPECT_EQ(t, taskNameToId("tRestarted"));
+    errno = 0;
+    EXPECT_EQ(ERROR, taskRestart(4711));
+    EXPECT_EQ(S_objLib_OBJ_ID_ERROR, errno);
+    EXPECT_EQ(OK, taskDelete(t));
+    EXPECT_EQ(OK, semDelete(other.never));
+
+    RestartState self;
+    self.restart_self_until = 3;
+    int s = taskSpawn("tSelfRestart", 100, 0, 0, restart_entry, reinterpret_cast<kt4_arg_t>(&self),
+                      0, 0, 0, 0, 0, 0, 0, 0, 0);
+    ASSERT_NE(ERROR, s);
+    EXPECT_TRUE(eventually([&] { return self.starts == 3 && gone(s); }));
+}
+
+int sched_priority_of_self(int *policy) {
+    sched_param p{};
+    pthread_getschedparam(pthread_self(), policy, &p);
+    return p.sched_priority;
+}
+
+TEST_F(Tasks, TaskLockIsANestedPriorityBoost) {
+    struct Seen {
+        int policy, normal, locked, nested, unlocked;
+    } seen{};
+    int t = spawn("tLocker", 150, [&] {
+        int pol;
+        seen.normal = sched_priority_of_self(&seen.policy);
+        taskLock();
+        seen.locked = sched_priority_of_self(&pol);
+        taskLock();
+        taskUnlock();
+        seen.nested = sched_priority_of_self(&pol); // still boosted
+        taskUnlock();
+        seen.unlocked = sched_priority_of_self(&pol);
+    });
+    ASSERT_TRUE(eventually([&] { return gone(t); }));
+    if (no_rt()) {
+        EXPECT_EQ(SCHED_OTHER, seen.policy);
+        EXPECT_EQ(0, seen.locked);
+    } else {
+        int max = sched_get_priority_max(SCHED_RR);
+        EXPECT_EQ(SCHED_RR, seen.policy); // round robin is on after start-up
+        EXPECT_LT(seen.normal, max);
+        EXPECT_EQ(max, seen.locked);
+        EXPECT_EQ(max, seen.nested);
+        EXPECT_EQ(seen.normal, seen.unlocked);
+        // Kernel priority 150 is POSIX 104 of 255, scaled onto 1..99.
+        EXPECT_EQ(1 + 104 * 98 / 255, seen.normal);
+    }
+    // Whatever the scheduler, the stored priority is the one given.
+    int t2 = spawn("tAsked", 150, park);
+    int prio = 0;
+    EXPECT_EQ(OK, taskPriorityGet(t2, &prio));
+    EXPECT_EQ(150, prio);
+    EXPECT_EQ(OK, taskDelete(t2));
+}
+
+TEST_F(Tasks, DelaysSleepTicksAndZeroOnlyYields) {
+    std::atomic<long> slept{-1}, yielded{-1};
+    int t = spawn("tDelay", 100, [&] {
+        auto t0 = Clock::now();
+        taskDelay(0);
+        taskDelay(-5);
+        yielded = ms_since(t0);
+        t0 = Clock::now();
+        taskDelay(5);
+        slept = ms_since(t0);
+    });
+    ASSERT_TRUE(eventually([&] { return gone(t); }));
+    EXPECT_LT(yielded.load(), 50);
+    EXPECT_GE(slept.load(), 90);
+    EXPECT_LT(slept.load(), 1000);
+}
+
+TEST_F(Tasks, PriorityInheritanceRaisesTheOwner) {
+    if (no_rt()) GTEST_SKIP() << "priorities do not preempt under the default policy";
+    SEM_ID m = semMCreate(SEM_Q_PRIORITY | SEM_INVERSION_SAFE);
+    SEM_ID go = semBCreate(SEM_Q_FIFO, SEM_EMPTY);
+    std::atomic<int> low_id{0}, high_id{0};
+    std::atomic<int> before{-1}, during{-1}, after{-1};
+    low_id = spawn("tLow", 200, [&] {
+        int pol;
+        semTake(m, WAIT_FOREVER);
+        before = sched_priority_of_self(&pol);
+        semTake(go, WAIT_FOREVER); // the high task is waiting for m now
+        during = sched_priority_of_self(&pol);
+        semGive(m);
+        after = sched_priority_of_self(&pol);
+    });
+    ASSERT_TRUE(eventually([&] { return before >= 0; }));
+    high_id = spawn("tHigh", 20, [&] {
+        semTake(m, WAIT_FOREVER);
+        semGive(m);
+    });
+    ASSERT_TRUE(eventually([&] { return pended(high_id); }));
+    semGive(go);
+    ASSERT_TRUE(eventually([&] { return gone(low_id) && gone(high_id); }));
+    EXPECT_EQ(1 + 54 * 98 / 255, before.load());  // 254 - 200
+    EXPECT_EQ(1 + 234 * 98 / 255, during.load()); // 254 - 20, the waiter's
+    EXPECT_EQ(before.load(), after.load());
+    semDelete(m);
+    semDelete(go);
+}
+
+TEST_F(Tasks, RoundRobinSwitch) {
+    EXPECT_EQ(1, roundRobinIsEnabled()); // start-up turned it on
+    disableRoundRobin();
+    EXPECT_EQ(0, roundRobinIsEnabled());
+    enableRoundRobin();
+    EXPECT_EQ(1, roundRobinIsEnabled());
+    EXPECT_EQ(OK, kernelTimeSlice(0));
+    int policy = -1;
+    int t = spawn("tFifo", 100, [&] { sched_priority_of_self(&policy); });
+    ASSERT_TRUE(eventually([&] { return gone(t); }));
+    EXPECT_EQ(no_rt() ? SCHED_OTHER : SCHED_FIFO, policy);
+    EXPECT_EQ(OK, kernelTimeSlice(1));
+    EXPECT_EQ(1, roundRobinIsEnabled());
+}
+
+} // namespace

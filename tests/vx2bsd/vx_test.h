@@ -1,0 +1,123 @@
+// Helpers of the tasking layer's tests: tasks running C++ callables, a recorder of the steps
+// several tasks take, polling with a bound, and a fixture that checks every test's tasks end.
+#pragma once
+
+#include <kt4/vx2bsd.h>
+
+#include <gtest/gtest.h>
+
+#include <pthread.h>
+#include <sched.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdlib>
+#include <functional>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace vxt {
+
+using Clock = std::chrono::steady_clock;
+
+inline bool no_rt() {
+    const char *v = std::getenv("KT4_NO_RT");
+    return v != nullptr && *v != '\0' && std::string(v) != "0";
+}
+
+// Polls pred every millisecond until it holds or the bound passes.
+template <typename Pred> bool eventually(Pred pred, int ms = 3000) {
+    auto end = Clock::now() + std::chrono::milliseconds(ms);
+    while (!pred()) {
+        if (Clock::now() > end) return pred();
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    return true;
+}
+
+inline long ms_since(Clock::time_point t0) {
+    return static_cast<long>(
+        std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - t0).count());
+}
+
+// The sequence of steps the tasks of a test take, in the order they took them.
+class Steps {
+  public:
+    void add(const std::string &s) {
+        std::lock_guard<std::mutex> g(m_);
+        v_.push_back(s);
+    }
+    std::vector<std::string> get() const {
+        std::lock_guard<std::mutex> g(m_);
+        return v_;
+    }
+    size_t size() const {
+        std::lock_guard<std::mutex> g(m_);
+        return v_.size();
+    }
+    bool wait_size(size_t n, int ms = 3000) const {
+        return eventually([&] { return size() >= n; }, ms);
+    }
+
+  private:
+    mutable std::mutex m_;
+    std::vector<std::string> v_;
+};
+
+inline int run_fn(kt4_arg_t fn, kt4_arg_t, kt4_arg_t, kt4_arg_t, kt4_arg_t, kt4_arg_t, kt4_arg_t,
+                  kt4_arg_t, kt4_arg_t, kt4_arg_t) {
+    auto *heap = reinterpret_cast<std::function<void()> *>(fn);
+    std::function<void()> f = std::move(*heap);
+    delete heap;
+    f();
+    return 0;
+}
+
+// Spawns a task running f; the id, or ERROR.
+inline int spawn(const char *name, int priority, std::function<void()> f) {
+    auto *heap = new std::function<void()>(std::move(f));
+    int id = taskSpawn(name, priority, 0, 0, run_fn, reinterpret_cast<kt4_arg_t>(heap), 0, 0, 0, 0,
+                       0, 0, 0, 0, 0);
+    if (id == ERROR) delete heap;
+    return id;
+}
+
+// A task that never returns by itself (deleted by the test).
+inline void park() {
+    for (;;)
+        taskDelay(50);
+}
+
+inline bool gone(int tid) {
+    return taskIdVerify(tid) == ERROR;
+}
+inline bool pended(int tid) {
+    return taskIdVerify(tid) == OK && !taskIsReady(tid);
+}
+
+inline int task_count() {
+    int ids[256];
+    return taskIdListGet(ids, 256);
+}
+
+// The process's service tasks: tUsrRoot, tExcTask, tTimerTask.
+constexpr int kServiceTasks = 3;
+
+class VxTest : public ::testing::Test {
+  protected:
+    void TearDown() override {
+        // A test leaves no task behind: the next one counts ids from 1 again.
+        bool clean = eventually([] { return task_count() == kServiceTasks; }, 3000);
+        EXPECT_TRUE(clean) << "tasks left: " << task_count();
+        if (!clean) {
+            int ids[256];
+            int n = taskIdListGet(ids, 256);
+            for (int i = 0; i < n; ++i)
+                if (ids[i] > 0 && ids[i] < 65536) taskDeleteForce(ids[i]);
+        }
+    }
+};
+
+} // namespace vxt

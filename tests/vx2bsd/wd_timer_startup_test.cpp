@@ -1,0 +1,228 @@
+// Watchdogs and second timers driven by the service tasks, and the process start-up: limits,
+// signals, the live core and the scheduling mode.
+#include "vx2bsd/vx_test.h"
+
+#include <kt4/vx2bsd.h>
+
+#include <dirent.h>
+#include <signal.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+
+using namespace vxt;
+
+namespace {
+
+using Watchdogs = VxTest;
+using Timers = VxTest;
+using Startup = VxTest;
+
+Steps wd_steps;
+void wd_record(kt4_arg_t p) {
+    wd_steps.add("fired " + std::to_string(p));
+}
+
+TEST_F(Watchdogs, FireAtTheNextTickWhateverTheDelay) {
+    WDOG_ID wd = wdCreate();
+    ASSERT_NE(nullptr, wd);
+    auto t0 = Clock::now();
+    ASSERT_EQ(OK, wdStart(wd, 500, wd_record, 1)); // 500 ticks would be 10 s
+    ASSERT_TRUE(wd_steps.wait_size(1, 1000));
+    EXPECT_LT(ms_since(t0), 1000);
+    // Started again while running: routine and parameter change, the count does not.
+    ASSERT_EQ(OK, wdStart(wd, 500, wd_record, 2));
+    ASSERT_EQ(OK, wdStart(wd, 1, wd_record, 3));
+    ASSERT_TRUE(wd_steps.wait_size(2, 1000));
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    EXPECT_EQ((std::vector<std::string>{"fired 1", "fired 3"}), wd_steps.get());
+    EXPECT_EQ(OK, wdCancel(wd)); // stopped already: still fine
+    EXPECT_EQ(OK, wdDelete(wd));
+    for (STATUS rc : {wdStart(wd, 1, wd_record, 0), wdCancel(wd), wdDelete(wd)}) {
+        EXPECT_EQ(ERROR, rc);
+        EXPECT_EQ(S_objLib_OBJ_ID_ERROR, errno);
+    }
+}
+
+struct CancelCase {
+    WDOG_ID outer, inner, control;
+    Steps steps;
+};
+CancelCase *cancel_case = nullptr;
+
+void inner_routine(kt4_arg_t p) {
+    cancel_case->steps.add("inner " + std::to_string(p));
+}
+void outer_routine(kt4_arg_t) {
+    // Runs in tExcTask, so no tick can come between start and cancel.
+    wdStart(cancel_case->inner, 1, inner_routine, 1);
+    wdCancel(cancel_case->inner);
+    wdStart(cancel_case->control, 1, inner_routine, 2);
+    cancel_case->steps.add("outer");
+}
+
+TEST_F(Watchdogs, CancelBeforeTheNextTickPreventsTheCall) {
+    CancelCase c;
+    cancel_case = &c;
+    c.outer = wdCreate();
+    c.inner = wdCreate();
+    c.control = wdCreate();
+    ASSERT_EQ(OK, wdStart(c.outer, 1, outer_routine, 0));
+    ASSERT_TRUE(c.steps.wait_size(2, 1000));
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    EXPECT_EQ((std::vector<std::string>{"outer", "inner 2"}), c.steps.get());
+    for (WDOG_ID w : {c.outer, c.inner, c.control})
+        EXPECT_EQ(OK, wdDelete(w));
+    cancel_case = nullptr;
+}
+
+struct TimerLog {
+    Steps fires;
+    Clock::time_point t0 = Clock::now();
+};
+
+void timer_record(VX2BSD_TIMER_ID, kt4_arg_t arg) {
+    auto *log = reinterpret_cast<TimerLog *>(arg);
+    log->fires.add(std::to_string(ms_since(log->t0)));
+}
+
+void timer_deletes_itself(VX2BSD_TIMER_ID tm, kt4_arg_t arg) {
+    timer_record(tm, arg);
+    vx2bsdTimerDelete(tm); // the handler runs under the recursive list lock
+}
+
+TEST_F(Timers, PeriodicAndOneShotAtSecondGranularity) {
+    TimerLog periodic, once, self_delete;
+    VX2BSD_TIMER_ID p = vx2bsdTimerCreate();
+    VX2BSD_TIMER_ID o = vx2bsdTimerCreate();
+    VX2BSD_TIMER_ID d = vx2bsdTimerCreate();
+    ASSERT_TRUE(p && o && d);
+    ASSERT_EQ(OK, vx2bsdTimerStart(p, 1, timer_record, reinterpret_cast<kt4_arg_t>(&periodic),
+                                   VX2BSD_TIMER_PERIODIC));
+    ASSERT_EQ(OK, vx2bsdTimerStart(o, 0, timer_record, reinterpret_cast<kt4_arg_t>(&once), 0));
+    vx2bsdTimerConnect(d, timer_deletes_itself, reinterpret_cast<kt4_arg_t>(&self_delete));
+    ASSERT_EQ(OK, vx2bsdTimerSetTime(d, 1, VX2BSD_TIMER_PERIODIC));
+    ASSERT_TRUE(periodic.fires.wait_size(2, 4000));
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    EXPECT_EQ(1u, once.fires.size());        // one-shot: stopped after firing
+    EXPECT_EQ(1u, self_delete.fires.size()); // deleted in its own handler
+    EXPECT_LE(std::stol(once.fires.get()[0]), 1500);
+    auto f = periodic.fires.get();
+    long gap = std::stol(f[1]) - std::stol(f[0]);
+    EXPECT_GE(gap, 900);
+    EXPECT_LE(gap, 1500);
+    EXPECT_EQ(OK, vx2bsdTimerCancel(p));
+    size_t n = periodic.fires.size();
+    std::this_thread::sleep_for(std::chrono::milliseconds(1200));
+    EXPECT_EQ(n, periodic.fires.size());
+    EXPECT_EQ(OK, vx2bsdTimerDelete(p));
+    EXPECT_EQ(OK, vx2bsdTimerDelete(o));
+    for (VX2BSD_TIMER_ID gone_timer : {p, d}) {
+        errno = 0;
+        EXPECT_EQ(ERROR, vx2bsdTimerStart(gone_timer, 1, timer_record, 0, 0));
+        EXPECT_EQ(S_objLib_OBJ_ID_ERROR, errno);
+        EXPECT_EQ(ERROR, vx2bsdTimerCancel(gone_timer));
+        EXPECT_EQ(ERROR, vx2bsdTimerDelete(gone_timer));
+    }
+    EXPECT_EQ(0, vx2bsdTimerLibInit());
+}
+
+TEST_F(Startup, ServiceTasksLimitsAndSignals) {
+    EXPECT_NE(ERROR, taskNameToId("tUsrRoot"));
+    EXPECT_NE(ERROR, taskNameToId("tExcTask"));
+    EXPECT_NE(ERROR, taskNameToId("tTimerTask"));
+    EXPECT_EQ(0, kt4VxToBsdInit(1, 1)); // once per process
+    EXPECT_EQ(kServiceTasks, task_count());
+
+    rlimit core{};
+    ASSERT_EQ(0, getrlimit(RLIMIT_CORE, &core));
+    if (geteuid() == 0)
+        EXPECT_EQ(RLIM_INFINITY, core.rlim_cur);
+    else
+        EXPECT_EQ(core.rlim_max, core.rlim_cur);
+    rlimit files{};
+    ASSERT_EQ(0, getrlimit(RLIMIT_NOFILE, &files));
+    EXPECT_EQ(files.rlim_max, files.rlim_cur);
+
+    struct sigaction sa;
+    ASSERT_EQ(0, sigaction(SIGPIPE, nullptr, &sa));
+    EXPECT_EQ(SIG_IGN, sa.sa_handler);
+    ASSERT_EQ(0, sigaction(SIGUSR2, nullptr, &sa));
+    EXPECT_NE(SIG_DFL, sa.sa_handler);
+}
+
+int count_cores(const std::string &dir) {
+    int n = 0;
+    if (DIR *d = opendir(dir.c_str())) {
+        while (dirent *e = readdir(d))
+            if (std::strncmp(e->d_name, "core", 4) == 0) ++n;
+        closedir(d);
+    }
+    return n;
+}
+
+void remove_dir(const std::string &dir) {
+    if (DIR *d = opendir(dir.c_str())) {
+        while (dirent *e = readdir(d))
+            if (e->d_name[0] != '.') unlink((dir + "/" + e->d_name).c_str());
+        closedir(d);
+    }
+    rmdir(dir.c_str());
+}
+
+TEST_F(Startup, LiveCoreOnRequestWhileTheProcessRuns) {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    GTEST_SKIP() << "a sanitizer's reserved address space makes a core impractically large";
+#endif
+    std::string core_pattern;
+    if (FILE *f = std::fopen("/proc/sys/kernel/core_pattern", "r")) {
+        char buf[256] = "";
+        if (std::fgets(buf, sizeof buf, f)) core_pattern = buf;
+        std::fclose(f);
+    }
+    if (core_pattern.rfind("core", 0) != 0)
+        GTEST_SKIP() << "cores do not go to the working directory here: " << core_pattern;
+    char tmpl[] = "/tmp/kt4coreXXXXXX";
+    ASSERT_NE(nullptr, mkdtemp(tmpl));
+    std::string dir = tmpl;
+    setenv("KT4_CORE_DIR", dir.c_str(), 1);
+
+    std::atomic<long> ticks{0};
+    int t = spawn("tBusy", 100, [&] {
+        for (;;) {
+            ++ticks;
+            taskDelay(1);
+        }
+    });
+    EXPECT_EQ(0, kt4livecore());
+    EXPECT_EQ(1, count_cores(dir));
+    // Asked by signal: tUsrRoot takes it within its 2-second round.
+    ASSERT_EQ(0, raise(SIGUSR2));
+    EXPECT_TRUE(eventually([&] { return count_cores(dir) == 2; }, 6000));
+    long before = ticks;
+    EXPECT_TRUE(eventually([&] { return ticks > before + 2; })); // still running
+    EXPECT_EQ(OK, taskDelete(t));
+    unsetenv("KT4_CORE_DIR");
+    remove_dir(dir);
+}
+
+TEST_F(Startup, SchedulingModeFollowsThePrivilege) {
+    int policy = -1, prio = -1;
+    int t = spawn("tPolicy", 100, [&] {
+        sched_param p{};
+        pthread_getschedparam(pthread_self(), &policy, &p);
+        prio = p.sched_priority;
+    });
+    ASSERT_TRUE(eventually([&] { return gone(t); }));
+    if (no_rt()) {
+        EXPECT_EQ(SCHED_OTHER, policy);
+    } else {
+        EXPECT_EQ(SCHED_RR, policy);
+        EXPECT_EQ(1 + 154 * 98 / 255, prio);
+    }
+}
+
+} // namespace

@@ -1,0 +1,34 @@
+// The card's task table: the seam between the IPC endpoints and the task registry.
+//
+// Every process of a card keeps its endpoints in its own table (task_localinfo); the card's
+// task table in the shared area is what lets the other processes of the card find them without
+// asking any daemon. kt4IpcOpen registers an endpoint here once its sockets are bound, and
+// kt4IpcClose unregisters it; task exit and process exit remove what a task or a process leaves
+// behind, and a look-up never answers with an entry whose process has died.
+//
+// All calls take shared-memory lock 5 themselves. Call them holding neither lock 5 nor the
+// endpoint table's lock (ipc/localinfo.h): the order is lock 5 first, then the table lock.
+// When this process has not mapped the card's shared area (KT4_ProcShmInit not called) there is
+// no card table: registration then fails with -1 and errno ENXIO and changes nothing, so an
+// endpoint still works inside its own process.
+#pragma once
+
+#include <cstdint>
+
+namespace kt4 {
+
+// Registers the opened endpoint (service, instance) of process pid: the card address its sockets
+// are bound to (host order), the card's slot, the owning task id and the task name (truncated to
+// fit the table). An entry that the same process made before (for instance when kt4TaskCreate
+// reserved it) is completed; an entry of a process that has died is taken over.
+// Returns 0, or -1 with errno: EINVAL for a service outside 13..363 or an instance outside
+// 0..31, EEXIST when a live other process holds the entry, ENOSPC when the table is full,
+// ENXIO when the shared area is not mapped.
+int tmeRegistryRegister(int service, int instance, uint32_t ipAddr, int slot, int pid, int taskId,
+                        const char *name);
+
+// Removes the entry (service, instance) when process pid holds it. Returns 0 when an entry was
+// removed, -1 (errno ENOENT) when pid held none, ENXIO without the shared area.
+int tmeRegistryUnregister(int service, int instance, int pid);
+
+} // namespace kt4

@@ -1,0 +1,444 @@
+// Binary, counting and mutual-exclusion semaphores named by numbers from a 2304-entry table.
+//
+// Locks: sema4_list_lock (the id table), then a semaphore's sema4_lock (taken before the table
+// lock is released), then its smdel_lock; wait-list links change under task_list_lock. Waiters
+// are TCBs on the semaphore's pend list in arrival order; every give is a broadcast and the turn
+// rule decides who takes the token.
+#include "vx2bsd/vx2bsd_int.h"
+
+#include <cerrno>
+#include <cstring>
+
+using namespace kt4::vx;
+
+namespace {
+
+constexpr uint32_t kTypeMask = 0xF0; // 0x00 binary
+constexpr uint32_t kTypeMutex = 0x10;
+constexpr uint32_t kTypeCounting = 0x20;
+constexpr uint32_t kOptPriority = 0x01;
+constexpr uint32_t kOptDeleteSafe = 0x04;
+constexpr uint32_t kOptInversionSafe = 0x08;
+
+constexpr uint32_t kReleaseFlush = 0x01;
+constexpr uint32_t kReleaseDelete = 0x02;
+
+constexpr uint32_t V2PT_MAX_SEMID_IDX = 2304;
+constexpr uint32_t kGenerationWrap = 0x400000;
+
+struct semaphore {
+    kt4::be32 type_options; // 0x0F options, 0xF0 type
+    pthread_mutex_t sema4_lock;
+    pthread_cond_t sema4_send;
+    pthread_mutex_t smdel_lock;
+    pthread_cond_t smdel_cplt;
+    kt4::bes32 count;    // tokens available
+    kt4::be32 release;   // kRelease* while a flush or delete lets the waiters go
+    kt4::be32 recursion; // mutual exclusion: depth of the owner's takes
+    kt4::be32 bad_gives; // gives by a task that was not the owner
+    tcb *bad_giver;      // the last such task
+    tcb *owner;          // task that took it last
+    kt4::be32 spare;     //
+    tcb *pend;           // waiters, arrival order
+    kt4::be32 id;
+};
+
+struct sema4_entry {
+    kt4::be32 id;
+    kt4::be32 generation;
+    semaphore *sem; // null when free
+};
+
+pthread_mutex_t sema4_list_lock = PTHREAD_MUTEX_INITIALIZER;
+sema4_entry v2pt_sema4_array[V2PT_MAX_SEMID_IDX];
+uint32_t v2pt_cur_arr_index = 0;
+
+constexpr const char *kSemLock =
+    "!pthread_mutex_lock (&(v2pt_sema4_array[sema4%V2PT_MAX_SEMID_IDX].sem->sema4_lock))";
+constexpr const char *kSemUnlock = "!pthread_mutex_unlock (&(semaphore->sema4_lock))";
+constexpr const char *kDelLock = "!pthread_mutex_lock (&(semaphore->smdel_lock))";
+constexpr const char *kDelUnlock = "!pthread_mutex_unlock (&(semaphore->smdel_lock))";
+
+void table_lock() {
+    sig_defer();
+    KT4_VERIFY_AS(pthread_mutex_lock(&sema4_list_lock) == 0,
+                  "!pthread_mutex_lock (&sema4_list_lock)");
+}
+
+void table_unlock() {
+    KT4_VERIFY_AS(pthread_mutex_unlock(&sema4_list_lock) == 0,
+                  "!pthread_mutex_unlock (&sema4_list_lock)");
+    sig_undefer();
+}
+
+semaphore *entry_of(SEM_ID sema4) {
+    sema4_entry &e = v2pt_sema4_array[sema4 % V2PT_MAX_SEMID_IDX];
+    return (e.sem != nullptr && e.id == sema4) ? e.sem : nullptr;
+}
+
+// Finds the semaphore of an id and returns it with sema4_lock taken (before the table lock is
+// released), or null.
+semaphore *sem_validate(SEM_ID sema4) {
+    table_lock();
+    semaphore *s = entry_of(sema4);
+    if (s != nullptr) {
+        sig_defer();
+        KT4_VERIFY_AS(pthread_mutex_lock(&(s->sema4_lock)) == 0, kSemLock);
+    }
+    table_unlock();
+    return s;
+}
+
+uint32_t type_of(const semaphore *s) {
+    return s->type_options & kTypeMask;
+}
+
+void destroy_sem(semaphore *s) {
+    KT4_VERIFY(!pthread_cond_destroy(&(s->smdel_cplt)));
+    KT4_VERIFY(!pthread_mutex_destroy(&(s->smdel_lock)));
+    KT4_VERIFY(!pthread_cond_destroy(&(s->sema4_send)));
+    KT4_VERIFY(!pthread_mutex_destroy(&(s->sema4_lock)));
+    ts_free(s);
+}
+
+SEM_ID sem_create(uint32_t type_options, int count) {
+    auto *s = static_cast<semaphore *>(ts_malloc(sizeof(semaphore)));
+    if (s == nullptr) return 0;
+    std::memset(static_cast<void *>(s), 0, sizeof *s);
+    s->type_options = type_options;
+    KT4_VERIFY(!pthread_mutex_init(&(s->sema4_lock), nullptr));
+    cond_init_monotonic(&(s->sema4_send));
+    KT4_VERIFY(!pthread_mutex_init(&(s->smdel_lock), nullptr));
+    KT4_VERIFY(!pthread_cond_init(&(s->smdel_cplt), nullptr));
+    s->count = count;
+    s->release = 0;
+    s->recursion = 0;
+    s->owner = nullptr;
+    s->pend = nullptr;
+    s->spare = 0;
+
+    table_lock();
+    uint32_t start = v2pt_cur_arr_index;
+    uint32_t found = V2PT_MAX_SEMID_IDX;
+    for (uint32_t i = start; i < V2PT_MAX_SEMID_IDX && found == V2PT_MAX_SEMID_IDX; ++i)
+        if (v2pt_sema4_array[i].sem == nullptr) found = i;
+    for (uint32_t i = 0; i < start && found == V2PT_MAX_SEMID_IDX; ++i)
+        if (v2pt_sema4_array[i].sem == nullptr) found = i;
+    if (found == V2PT_MAX_SEMID_IDX) {
+        table_unlock();
+        destroy_sem(s);
+        return 0;
+    }
+    sema4_entry &e = v2pt_sema4_array[found];
+    uint32_t generation = e.generation + 1;
+    if (generation == kGenerationWrap) generation = 0;
+    e.generation = generation;
+    // 32-bit arithmetic on purpose: from generation 1864135 on ids wrap and fail validation.
+    uint32_t id = generation * V2PT_MAX_SEMID_IDX + found;
+    e.id = id;
+    e.sem = s;
+    s->id = id;
+    v2pt_cur_arr_index = (found + 1 == V2PT_MAX_SEMID_IDX) ? 0 : found + 1;
+    table_unlock();
+    return id;
+}
+
+// Raises the owner's thread to the waiter's priority (inversion-safe semaphores). The owner's
+// stored normal priority stays; its next give restores it.
+void inherit_priority(tcb *owner, tcb *me) {
+    if (me->shadow || owner->shadow) return;
+    taskLock();
+    {
+        ListLock ll;
+        if (tcb_listed(owner) && dying_of(owner) == kDyingNo && owner->pthrid != 0 &&
+            me->prv_priority.sched_priority > owner->prv_priority.sched_priority) {
+            int policy = SCHED_OTHER;
+            pthread_attr_getschedpolicy(&(owner->attr), &policy);
+            if (policy == SCHED_FIFO || policy == SCHED_RR)
+                thread_set_sched(owner->pthrid, policy, me->prv_priority.sched_priority);
+        }
+    }
+    taskUnlock();
+}
+
+// The caller's membership of a semaphore's pend list. Leaving (normally, or when the waiter is
+// cancelled) ends a flush or delete when the waiter was the last one.
+class SemWaiter {
+  public:
+    SemWaiter(semaphore *s, ObjLock &lk, tcb *me) : s_(s), lk_(lk), me_(me) {
+        pend_append(&s_->pend, me_);
+    }
+    ~SemWaiter() {
+        if (!left_) leave();
+    }
+    SemWaiter(const SemWaiter &) = delete;
+    SemWaiter &operator=(const SemWaiter &) = delete;
+    // Leaves the pend list (object lock held on return); returns the release seen.
+    uint32_t leave() {
+        left_ = true;
+        if (!lk_.held()) lk_.lock();
+        pend_remove(me_);
+        uint32_t rel = s_->release;
+        if (rel != 0 && pend_empty(&s_->pend)) {
+            ObjLock del(s_->smdel_lock, kDelLock, kDelUnlock);
+            del.lock();
+            KT4_VERIFY_AS(pthread_cond_broadcast(&(s_->smdel_cplt)) == 0,
+                          "!pthread_cond_broadcast (&(semaphore->smdel_cplt))");
+            del.unlock();
+            s_->release = 0;
+        }
+        return rel;
+    }
+
+  private:
+    semaphore *s_;
+    ObjLock &lk_;
+    tcb *me_;
+    bool left_ = false;
+};
+
+enum class Outcome { Taken, TimedOut, Released };
+
+bool my_turn(semaphore *s, tcb *me) {
+    // With priority queuing the highest-priority waiter would be looked up, but every waiter is
+    // admitted: code written for this layer expects that.
+    if (s->type_options & kOptPriority) return true;
+    return pend_is_first(&s->pend, me);
+}
+
+STATUS wait_token(semaphore *s, ObjLock &lk, tcb *me, int timeout) {
+    Outcome outcome;
+    uint32_t rel;
+    {
+        SemWaiter w(s, lk, me);
+        if (timeout != NO_WAIT && type_of(s) == kTypeMutex &&
+            (s->type_options & kOptInversionSafe) && s->owner != nullptr)
+            inherit_priority(s->owner, me);
+        timespec deadline{};
+        if (timeout > 0) deadline = deadline_after(timeout);
+        for (;;) {
+            if (s->release != 0) {
+                outcome = Outcome::Released;
+                break;
+            }
+            bool took = false;
+            while (s->count > 0 && s->release == 0) {
+                if (my_turn(s, me)) {
+                    s->count -= 1;
+                    took = true;
+                    break;
+                }
+                lk.unlock();
+                turn_retry_sleep();
+                lk.lock();
+            }
+            if (took) {
+                outcome = Outcome::Taken;
+                break;
+            }
+            if (s->release != 0) {
+                outcome = Outcome::Released;
+                break;
+            }
+            if (timeout == NO_WAIT) {
+                outcome = Outcome::TimedOut;
+                break;
+            }
+            if (timeout < 0) {
+                KT4_VERIFY_AS(
+                    pthread_cond_wait(&(s->sema4_send), &(s->sema4_lock)) == 0,
+                    "!pthread_cond_wait (&(semaphore->sema4_send), &(semaphore->sema4_lock))");
+            } else {
+                int rc = pthread_cond_timedwait(&(s->sema4_send), &(s->sema4_lock), &deadline);
+                if (rc == ETIMEDOUT) {
+                    outcome = Outcome::TimedOut;
+                    break;
+                }
+                KT4_VERIFY_AS(rc == 0, "!pthread_cond_timedwait (&(semaphore->sema4_send), "
+                                       "&(semaphore->sema4_lock), &timeout)");
+            }
+        }
+        rel = w.leave();
+    }
+    switch (outcome) {
+    case Outcome::Released:
+        if (rel & kReleaseDelete) {
+            errno = kErrIdError;
+            return ERROR;
+        }
+        return OK;
+    case Outcome::TimedOut:
+        errno = timeout == NO_WAIT ? kErrUnavailable : kErrTimeout;
+        return ERROR;
+    case Outcome::Taken:
+        break;
+    }
+    s->owner = me;
+    if (type_of(s) == kTypeMutex) {
+        s->recursion += 1;
+        if (s->type_options & kOptDeleteSafe) taskSafe();
+    }
+    return OK;
+}
+
+} // namespace
+
+extern "C" {
+
+SEM_ID semBCreate(int options, int initialState) {
+    return sem_create(static_cast<uint32_t>(options) & kOptPriority, initialState != 0 ? 1 : 0);
+}
+
+SEM_ID semCCreate(int options, int initialCount) {
+    return sem_create((static_cast<uint32_t>(options) & kOptPriority) | kTypeCounting,
+                      initialCount);
+}
+
+SEM_ID semMCreate(int options) {
+    return sem_create((static_cast<uint32_t>(options) & 0x0F) | kTypeMutex, 1);
+}
+
+STATUS semTake(SEM_ID semId, int timeout) {
+    semaphore *s = sem_validate(semId);
+    if (s == nullptr) {
+        errno = kErrIdError;
+        return ERROR;
+    }
+    ObjLock lk(s->sema4_lock, kSemLock, kSemUnlock);
+    lk.adopt();
+    tcb *me = caller_tcb();
+    if (type_of(s) == kTypeMutex && s->owner == me) {
+        s->recursion += 1;
+        return OK;
+    }
+    // A token and nobody waiting: joining the pend list would make the caller first in turn and
+    // take the token at once, so take it directly.
+    if (s->count > 0 && s->release == 0 && pend_empty(&s->pend)) {
+        s->count -= 1;
+        s->owner = me;
+        if (type_of(s) == kTypeMutex) {
+            s->recursion += 1;
+            if (s->type_options & kOptDeleteSafe) taskSafe();
+        }
+        return OK;
+    }
+    return wait_token(s, lk, me, timeout);
+}
+
+STATUS semGive(SEM_ID semId) {
+    semaphore *s = sem_validate(semId);
+    if (s == nullptr) {
+        errno = kErrIdError;
+        return ERROR;
+    }
+    ObjLock lk(s->sema4_lock, kSemLock, kSemUnlock);
+    lk.adopt();
+    tcb *me = caller_tcb();
+    if (type_of(s) == kTypeMutex && s->owner != me) {
+        s->bad_gives += 1;
+        s->bad_giver = me;
+        errno = kErrSemInvalid;
+        return ERROR;
+    }
+    bool unsafe = false;
+    bool restore = false;
+    if (s->recursion >= 1) {
+        s->recursion -= 1;
+        if (s->recursion == 0) {
+            s->count += 1;
+            s->owner = nullptr;
+            unsafe = (s->type_options & kOptDeleteSafe) != 0;
+            restore = (s->type_options & kOptInversionSafe) != 0;
+        }
+    } else {
+        s->count += 1; // no upper bound: a binary semaphore given twice holds two tokens
+    }
+    if (!pend_empty(&s->pend))
+        KT4_VERIFY_AS(pthread_cond_broadcast(&(s->sema4_send)) == 0,
+                      "!pthread_cond_broadcast (&(semaphore->sema4_send))");
+    lk.unlock();
+    // After the object lock goes: becoming deletable may wait for this task's deleters.
+    if (unsafe) taskUnsafe();
+    if (restore) { // back to the normal priority after an inheritance
+        taskLock();
+        taskUnlock();
+    }
+    return OK;
+}
+
+STATUS semFlush(SEM_ID semId) {
+    semaphore *s = sem_validate(semId);
+    if (s == nullptr) {
+        errno = kErrIdError;
+        return ERROR;
+    }
+    ObjLock lk(s->sema4_lock, kSemLock, kSemUnlock);
+    lk.adopt();
+    if (type_of(s) == kTypeMutex) {
+        errno = kErrSemInvalid;
+        return ERROR;
+    }
+    taskLock();
+    if (!pend_empty(&s->pend)) {
+        ObjLock del(s->smdel_lock, kDelLock, kDelUnlock);
+        del.lock();
+        s->release |= kReleaseFlush;
+        KT4_VERIFY_AS(pthread_cond_broadcast(&(s->sema4_send)) == 0,
+                      "!pthread_cond_broadcast (&(semaphore->sema4_send))");
+        lk.unlock();
+        while (!pend_empty(&s->pend))
+            KT4_VERIFY_AS(
+                pthread_cond_wait(&(s->smdel_cplt), &(s->smdel_lock)) == 0,
+                "!pthread_cond_wait (&(semaphore->smdel_cplt), &(semaphore->smdel_lock))");
+    }
+    taskUnlock();
+    return OK;
+}
+
+STATUS semDelete(SEM_ID semId) {
+    semaphore *s = sem_validate(semId);
+    if (s == nullptr) {
+        errno = kErrIdError;
+        return ERROR;
+    }
+    ObjLock lk(s->sema4_lock, kSemLock, kSemUnlock);
+    lk.adopt();
+    for (;;) {
+        if (!pend_empty(&s->pend)) {
+            ObjLock del(s->smdel_lock, kDelLock, kDelUnlock);
+            del.lock();
+            s->release |= kReleaseDelete;
+            KT4_VERIFY_AS(pthread_cond_broadcast(&(s->sema4_send)) == 0,
+                          "!pthread_cond_broadcast (&(semaphore->sema4_send))");
+            lk.unlock();
+            while (!pend_empty(&s->pend))
+                KT4_VERIFY_AS(
+                    pthread_cond_wait(&(s->smdel_cplt), &(s->smdel_lock)) == 0,
+                    "!pthread_cond_wait (&(semaphore->smdel_cplt), &(semaphore->smdel_lock))");
+        } else {
+            lk.unlock();
+        }
+        // Table lock first, then the object lock: once both are held with the entry still ours,
+        // nobody holds or waits for the record any more.
+        table_lock();
+        if (entry_of(semId) != s) { // a concurrent delete finished first
+            table_unlock();
+            errno = kErrIdError;
+            return ERROR;
+        }
+        lk.lock();
+        if (!pend_empty(&s->pend)) { // a taker arrived after the waiters left: release it too
+            table_unlock();
+            continue;
+        }
+        sema4_entry &e = v2pt_sema4_array[semId % V2PT_MAX_SEMID_IDX];
+        e.sem = nullptr;
+        e.id = 0; // the generation stays, so the old id never validates again
+        table_unlock();
+        lk.unlock();
+        destroy_sem(s);
+        return OK;
+    }
+}
+
+} // extern "C"
