@@ -87,12 +87,8 @@ template <typename Body> inline auto with_cmp(Tree *t, const void *key, Body &&b
 }
 
 inline void prefetch_children(const Node *n) {
-#ifndef KT4_RBT_NO_PREFETCH
     __builtin_prefetch(n->left);
     __builtin_prefetch(n->right);
-#else
-    (void)n;
-#endif
 }
 
 inline Node *minimum(Node *n, Node *nil) {
@@ -644,6 +640,7 @@ int _kt4RBTreeInsert(kt4RBTree *tree, kt4RBTreeNode *z) {
     with_cmp(tree, z->data, [&](auto cmp) {
         Node *x = tree->rbtt_root;
         while (x != nil) {
+            prefetch_children(x);
             parent = x;
             // Equal keys go right, after the entries already there.
             go_left = cmp(x->data) < 0;

@@ -122,13 +122,24 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
                 CHECK(nx == nullptr || nx->key >= key);
             break;
         }
-        case 4: { // walk from the key
+        case 4: { // walk from the key: it resumes after the entry exact-or-next finds
             int visits = 0;
             kt4RBTreeWalk(t, &probe, count_visit, 0, 0, &visits);
-            auto eon = model.lower_bound(key);
-            const size_t want = eon == model.end()
-                                    ? model.size()
-                                    : static_cast<size_t>(std::distance(eon, model.end())) - 1;
+            kt4RBTreeNode *start = _kt4RBTreeGetExactOrNext(t, &probe);
+            auto lb = model.lower_bound(key);
+            CHECK((start == nullptr) == (lb == model.end()));
+            size_t want = model.size();
+            if (start != nullptr) {
+                CHECK(static_cast<const Rec *>(start->data)->key == lb->first);
+                want = 0;
+                for (kt4RBTreeNode *n = _kt4RBTreeSuccessor(t, start); n;
+                     n = _kt4RBTreeSuccessor(t, n))
+                    ++want;
+                // Among equal keys the walk may resume after any of them.
+                const size_t greater =
+                    static_cast<size_t>(std::distance(model.upper_bound(lb->first), model.end()));
+                CHECK(want >= greater && want <= greater + model.count(lb->first) - 1);
+            }
             CHECK(static_cast<size_t>(visits) == want);
             break;
         }

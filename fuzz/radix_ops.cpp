@@ -65,7 +65,7 @@ void rmfree(kt4RadixEntry *e) {
 }
 
 struct Harness {
-    explicit Harness(int bits) : bits(bits), model(bits) {
+    explicit Harness(int bits) : bits(bits) {
         tree = kt4RadixCreate("fuzz", bits, nullptr, nullptr, rmfree);
         CHECK(tree != nullptr);
         kt4RadicalWalkConstructor(tree, &reader);
@@ -175,25 +175,16 @@ void run(Harness &h, Input &in) {
         }
         case 4: { // less-specific
             if (kt4RadixEntry *e = h.pick(in)) {
-                const auto p = rdxmodel::make_prefix(route_of(e)->addr, route_of(e)->len);
-                CHECK(kt4RadixGetLessSpecific(h.tree, e) == h.model.less_specific(p));
+                const int l = route_of(e)->len;
+                CHECK(kt4RadixGetLessSpecific(h.tree, e) ==
+                      (l == 0 ? nullptr : h.model.best(route_of(e)->addr, l - 1)));
             }
             break;
         }
         case 5: { // sub-tree: exactly the covered entries below it
             h.key(in, k);
             const int l = h.len(in);
-            std::vector<kt4RadixEntry *> below;
-            if (kt4RadixNode *n = _kt4RadixGetSubTree(h.tree, k, l)) {
-                std::vector<kt4RadixNode *> st{n};
-                while (!st.empty()) {
-                    kt4RadixNode *x = st.back();
-                    st.pop_back();
-                    if (x->rtn_entry != nullptr) below.push_back(x->rtn_entry);
-                    if (x->rtn_right != nullptr) st.push_back(x->rtn_right);
-                    if (x->rtn_left != nullptr) st.push_back(x->rtn_left);
-                }
-            }
+            const auto below = rdxmodel::subtree_entries(_kt4RadixGetSubTree(h.tree, k, l));
             CHECK(below == h.model.covered_by(k, l));
             break;
         }
@@ -242,7 +233,7 @@ void run(Harness &h, Input &in) {
             for (kt4RadixEntry *e = kt4RadixGetNext(h.tree, nullptr, 0); e != nullptr;
                  e = kt4RadixGetNext(h.tree, e->rth_key, kt4RadixEntryLength(e)))
                 got.push_back(e);
-            CHECK(got == rdxmodel::entries_in_order(h.model));
+            CHECK(got == h.model.in_order());
             CHECK(rdxmodel::check_structure(h.tree).empty());
             break;
         }

@@ -390,15 +390,10 @@ int guaranteed_send(const char *fn, int key, void *msg, int len, bool isOld) {
         errno = ENOENT;
         return -1;
     }
-    SEM_ID sem = rsp_sem_of(rec);
-    KT4_ASSERT_TAG(semTake(sem, WAIT_FOREVER) == OK, "kt4IpcLib");
+    RspSemHold hold(rsp_sem_of(rec));
     Exchange x{
         key, h, len, reqFd, static_cast<int>(rec->rspLink->fd.get()), t, fn, PeerName(h->tgt.qid)};
-    int rc = guaranteed_exchange(x, isOld);
-    int e = errno;
-    KT4_ASSERT_TAG(semGive(sem) == OK, "kt4IpcLib");
-    errno = e;
-    return rc;
+    return guaranteed_exchange(x, isOld);
 }
 
 } // namespace

@@ -7,6 +7,10 @@
 #include "ipc/localinfo.h"
 
 #include <kt4/ipc.h>
+#include <kt4/log.h>
+#include <kt4/vx2bsd.h>
+
+#include <cerrno>
 
 #include <cstddef>
 #include <cstdint>
@@ -57,6 +61,28 @@ IpcLink *link_of(TaskLocalInfo *rec, int kind);
 int fd_of(int key);
 // The response-queue semaphore of the key's endpoint (0 when none).
 uint32_t rsp_sem_of(TaskLocalInfo *rec);
+
+// Holds the endpoint's response-queue semaphore for one exchange. The give sits in a destructor
+// so that a task deleted (cancelled) in the middle of the exchange still gives it back: the
+// endpoint's close, run by the task's exit hook, takes the same semaphore.
+class RspSemHold {
+  public:
+    explicit RspSemHold(uint32_t sem) : sem_(sem) {
+        if (sem_ != 0) KT4_ASSERT_TAG(semTake(sem_, WAIT_FOREVER) == OK, "kt4IpcLib");
+    }
+    ~RspSemHold() {
+        if (sem_ == 0) return;
+        int e = errno;
+        KT4_ASSERT_TAG(semGive(sem_) == OK, "kt4IpcLib");
+        errno = e;
+    }
+    RspSemHold(const RspSemHold &) = delete;
+    RspSemHold &operator=(const RspSemHold &) = delete;
+
+  private:
+    uint32_t sem_;
+};
+
 
 // This card's CPU address (kAllOnes when it cannot be formed).
 uint32_t local_addr();

@@ -604,14 +604,8 @@ namespace {
 // unopened key goes straight to fn, which reports it).
 template <typename F> int with_rsp_sem(int key, F fn) {
     TaskLocalInfo *rec = key_ok(key) ? ep_for_key(key) : nullptr;
-    SEM_ID sem = rec != nullptr ? rsp_sem_of(rec) : 0;
-    if (sem == 0) return fn();
-    KT4_ASSERT_TAG(semTake(sem, WAIT_FOREVER) == OK, "kt4IpcLib");
-    int rc = fn();
-    int e = errno;
-    KT4_ASSERT_TAG(semGive(sem) == OK, "kt4IpcLib");
-    errno = e;
-    return rc;
+    RspSemHold hold(rec != nullptr ? rsp_sem_of(rec) : 0);
+    return fn();
 }
 
 int any_task_send_wait(uint32_t msgType, void *msg, int len, int service, int instance, void *reply,

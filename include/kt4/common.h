@@ -38,6 +38,30 @@
 typedef int STATUS;
 typedef int BOOL;
 
+/*
+ * Big-endian 32-bit field of the library's public records: four bytes, most significant first,
+ * whatever the processor. A struct rather than an integer so that a forgotten conversion does
+ * not compile; read and write it with kt4Be32Get / kt4Be32Set.
+ */
+#ifndef KT4_BE32_DEFINED
+#define KT4_BE32_DEFINED
+typedef struct kt4Be32 {
+    unsigned char b[4];
+} kt4Be32;
+
+static inline uint32_t kt4Be32Get(const kt4Be32 *f) {
+    return ((uint32_t)f->b[0] << 24) | ((uint32_t)f->b[1] << 16) | ((uint32_t)f->b[2] << 8) |
+           (uint32_t)f->b[3];
+}
+
+static inline void kt4Be32Set(kt4Be32 *f, uint32_t v) {
+    f->b[0] = (unsigned char)(v >> 24);
+    f->b[1] = (unsigned char)(v >> 16);
+    f->b[2] = (unsigned char)(v >> 8);
+    f->b[3] = (unsigned char)v;
+}
+#endif
+
 KT4_BEGIN_DECLS
 
 /*

@@ -93,26 +93,6 @@ typedef void (*KT4_TMR_CB)(uintptr_t param);
 typedef void *(*KT4_TMR_ALLOC_FN)(size_t size);
 typedef void (*KT4_TMR_FREE_FN)(void *record);
 
-/* Big-endian 32-bit field (the same type the containers' records use): read it with
- * kt4Be32Get, never directly. */
-#ifndef KT4_BE32_DEFINED
-#define KT4_BE32_DEFINED
-typedef struct kt4Be32 {
-    unsigned char b[4];
-} kt4Be32;
-
-static inline uint32_t kt4Be32Get(const kt4Be32 *f) {
-    return ((uint32_t)f->b[0] << 24) | ((uint32_t)f->b[1] << 16) | ((uint32_t)f->b[2] << 8) |
-           (uint32_t)f->b[3];
-}
-
-static inline void kt4Be32Set(kt4Be32 *f, uint32_t v) {
-    f->b[0] = (unsigned char)(v >> 24);
-    f->b[1] = (unsigned char)(v >> 16);
-    f->b[2] = (unsigned char)(v >> 8);
-    f->b[3] = (unsigned char)v;
-}
-#endif
 
 /*
  * The head, embedded by the owner and set up with kt4TmrHeadInit. Its integers are kept

@@ -1,11 +1,14 @@
-// Helpers shared by the container tests: output capture and assertion spotting.
+// Helpers shared by the container tests: output capture, assertion spotting, leak checks.
 #pragma once
 
+#include <kt4/common.h>
+#include <kt4/hostsim.h>
 #include <kt4/log.h>
 
 #include <gtest/gtest.h>
 
 #include <cstdio>
+#include <set>
 #include <string>
 
 namespace ctrtest {
@@ -45,10 +48,10 @@ class AssertCapture {
         std::fflush(stdout);
         std::fflush(stderr);
         done_ = true;
-        text_ = ::testing::internal::GetCapturedStdout();
-        text_ += ::testing::internal::GetCapturedStderr();
+        std::string text = ::testing::internal::GetCapturedStdout();
+        text += ::testing::internal::GetCapturedStderr();
         kt4TracePrintOff();
-        return text_;
+        return text;
     }
     ~AssertCapture() {
         if (!done_) take();
@@ -64,7 +67,28 @@ class AssertCapture {
 
   private:
     bool done_ = false;
-    std::string text_;
+};
+
+// Registers every checked allocation for the test and requires all of it back at the end.
+class LeakChecked : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        MCReset();
+        gKT4MCOn = 1;
+    }
+    void TearDown() override {
+        EXPECT_EQ(0u, MCLiveCount()) << "memory not given back";
+        gKT4MCOn = 0;
+        MCReset();
+    }
+    // The source tags of the live blocks.
+    static std::set<std::string> live_tags() {
+        std::set<std::string> tags;
+        MCForEach([](const kt4mc_block_info *b,
+                     void *a) { static_cast<std::set<std::string> *>(a)->insert(b->file); },
+                  &tags);
+        return tags;
+    }
 };
 
 } // namespace ctrtest
