@@ -2,8 +2,9 @@
 //
 // The free identifiers are kept as ranges rather than one entry each, so a table of a million
 // interface or session ids that is mostly free or mostly used costs a handful of ranges. Get
-// takes from the first range in constant time; reserve and release walk the ranges, which stay
-// few while ids are used and returned in roughly the same neighbourhoods.
+// takes from the first range in constant time; reserve and release walk the ranges from
+// whichever end of the list is nearer to the index, so their cost follows how fragmented the
+// free ids are, not how many there are.
 #include "containers/internal.h"
 
 #include <cstdio>
@@ -38,6 +39,30 @@ kt4FreeIndexRange *new_range(kt4FreeIndexList *list, uint32_t low, uint32_t high
 void drop_range(kt4FreeIndexList *list, kt4FreeIndexRange *r) {
     dll_unlink(&r->fir_link);
     list->fil_free(r);
+}
+
+// The last range starting below the index (or at it, when `at_too`); null when none does.
+// The boundary is sought from both ends of the list at once, one step each in turn, so the
+// walk is as long as the shorter side of it: releases near the top of a fragmented list cost
+// as little as releases near the bottom.
+kt4FreeIndexRange *last_starting_below(kt4FreeIndexList *list, uint32_t index, bool at_too) {
+    kt4DLL *head = &list->fil_list;
+    auto below = [&](kt4DLLLink *l) {
+        const uint32_t low = be(range_of(l)->fir_low);
+        return low < index || (at_too && low == index);
+    };
+    kt4DLLLink *front = dll_first(head), *back = dll_last(head);
+    while (front != nullptr) {
+        if (!below(front)) {
+            kt4DLLLink *p = dll_prev(head, front);
+            return p != nullptr ? range_of(p) : nullptr;
+        }
+        front = dll_next(head, front);
+        if (below(back)) return range_of(back);
+        back = dll_prev(head, back);
+    }
+    kt4DLLLink *last = dll_last(head);
+    return last != nullptr ? range_of(last) : nullptr;
 }
 
 } // namespace
@@ -85,29 +110,26 @@ int kt4FreeIndexGet(kt4FreeIndexList *list, uint32_t *index) {
 
 int kt4FreeIndexReserve(kt4FreeIndexList *list, uint32_t index) {
     if (!usable(list)) return -1;
-    for (kt4DLLLink *l = dll_first(&list->fil_list); l != nullptr;
-         l = dll_next(&list->fil_list, l)) {
-        kt4FreeIndexRange *r = range_of(l);
-        uint32_t low = be(r->fir_low), high = be(r->fir_high);
-        if (index < low) break; // ranges ascend: no later one holds it
-        if (index > high) continue;
-        if (index == low) {
-            if (low == high)
-                drop_range(list, r);
-            else
-                be(r->fir_low) = low + 1;
-        } else if (index == high) {
-            be(r->fir_high) = high - 1;
-        } else {
-            kt4FreeIndexRange *lower = new_range(list, low, index - 1);
-            if (lower == nullptr) return -1;
-            dll_link_between(r->fir_link.prev, &r->fir_link, &lower->fir_link);
-            be(r->fir_low) = index + 1;
-        }
-        ++be(list->fil_used);
-        return 0;
+    // The only range that can hold the index is the last one starting at or below it.
+    kt4FreeIndexRange *r = last_starting_below(list, index, true);
+    if (r == nullptr) return -1;
+    const uint32_t low = be(r->fir_low), high = be(r->fir_high);
+    if (index > high) return -1;
+    if (index == low) {
+        if (low == high)
+            drop_range(list, r);
+        else
+            be(r->fir_low) = low + 1;
+    } else if (index == high) {
+        be(r->fir_high) = high - 1;
+    } else {
+        kt4FreeIndexRange *lower = new_range(list, low, index - 1);
+        if (lower == nullptr) return -1;
+        dll_link_between(r->fir_link.prev, &r->fir_link, &lower->fir_link);
+        be(r->fir_low) = index + 1;
     }
-    return -1;
+    ++be(list->fil_used);
+    return 0;
 }
 
 int kt4FreeIndexRelease(kt4FreeIndexList *list, uint32_t index) {
@@ -119,17 +141,11 @@ int kt4FreeIndexRelease(kt4FreeIndexList *list, uint32_t index) {
                     static_cast<unsigned long>(highest));
         return -1;
     }
-    // next: the first range starting at or above the index; before: the range ahead of it.
+    // before: the last range starting below the index; next: the first starting at or above.
     kt4DLL *head = &list->fil_list;
-    kt4FreeIndexRange *next = nullptr;
-    for (kt4DLLLink *l = dll_first(head); l != nullptr; l = dll_next(head, l)) {
-        if (be(range_of(l)->fir_low).get() >= index) {
-            next = range_of(l);
-            break;
-        }
-    }
-    kt4DLLLink *bl = next != nullptr ? dll_prev(head, &next->fir_link) : dll_last(head);
-    kt4FreeIndexRange *before = bl != nullptr ? range_of(bl) : nullptr;
+    kt4FreeIndexRange *before = last_starting_below(list, index, false);
+    kt4DLLLink *nl = before != nullptr ? dll_next(head, &before->fir_link) : dll_first(head);
+    kt4FreeIndexRange *next = nl != nullptr ? range_of(nl) : nullptr;
 
     // 64-bit neighbours so that the ends of the 32-bit range need no special case.
     const uint64_t i = index;

@@ -18,28 +18,6 @@
 
 KT4_BEGIN_DECLS
 
-/* ---- Big-endian 32-bit field ---------------------------------------------------------------
- * Four bytes, most significant first, whatever the processor. A struct rather than an integer
- * so that a forgotten conversion does not compile.
- */
-#ifndef KT4_BE32_DEFINED
-#define KT4_BE32_DEFINED
-typedef struct kt4Be32 {
-    unsigned char b[4];
-} kt4Be32;
-
-static inline uint32_t kt4Be32Get(const kt4Be32 *f) {
-    return ((uint32_t)f->b[0] << 24) | ((uint32_t)f->b[1] << 16) | ((uint32_t)f->b[2] << 8) |
-           (uint32_t)f->b[3];
-}
-
-static inline void kt4Be32Set(kt4Be32 *f, uint32_t v) {
-    f->b[0] = (unsigned char)(v >> 24);
-    f->b[1] = (unsigned char)(v >> 16);
-    f->b[2] = (unsigned char)(v >> 8);
-    f->b[3] = (unsigned char)v;
-}
-#endif
 
 /* The record that embeds `member` at the address `ptr` (a link, a node). */
 #define KT4_CONTAINER_OF(ptr, type, member) ((type *)((char *)(ptr)-offsetof(type, member)))
@@ -312,5 +290,8 @@ uint32_t kt4HashStat(kt4HashTable *table, uint32_t bid, uint32_t *total, uint32_
 void kt4HashAttach(kt4HashTable *table, kt4HashPrintFn print);
 
 KT4_END_DECLS
+
+/* The radix tree builds on the list types above. */
+#include <kt4/radix.h>
 
 #endif /* KT4_CONTAINERS_H */

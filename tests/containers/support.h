@@ -1,4 +1,4 @@
-// Helpers shared by the container tests: output capture, assertion spotting, leak checks.
+// Helpers of the container tests: output capture, assertion counting, leak checks.
 #pragma once
 
 #include <kt4/common.h>
@@ -13,63 +13,38 @@
 
 namespace ctrtest {
 
-// Captures what the library writes to standard output (dumps, prints) while alive.
-class StdoutCapture {
+// Standard output while alive (dumps, prints). With `asserts`, also the assertion reports:
+// the trace channel echoes them to standard output while local printing is on.
+class Capture {
   public:
-    StdoutCapture() {
+    explicit Capture(bool asserts = false) : asserts_(asserts) {
         std::fflush(stdout);
+        if (asserts_) kt4TracePrintOn();
         ::testing::internal::CaptureStdout();
+    }
+    ~Capture() {
+        if (!done_) take();
     }
     std::string take() {
         std::fflush(stdout);
         done_ = true;
+        if (asserts_) kt4TracePrintOff();
         return ::testing::internal::GetCapturedStdout();
     }
-    ~StdoutCapture() {
-        if (!done_) take();
-    }
-
-  private:
-    bool done_ = false;
-};
-
-// Captures the assertion reports while alive: they go to the trace channel, which echoes
-// them to standard output while local printing is on (standard error is taken as well).
-class AssertCapture {
-  public:
-    AssertCapture() {
-        std::fflush(stdout);
-        std::fflush(stderr);
-        kt4TracePrintOn();
-        ::testing::internal::CaptureStdout();
-        ::testing::internal::CaptureStderr();
-    }
-    std::string take() {
-        std::fflush(stdout);
-        std::fflush(stderr);
-        done_ = true;
-        std::string text = ::testing::internal::GetCapturedStdout();
-        text += ::testing::internal::GetCapturedStderr();
-        kt4TracePrintOff();
-        return text;
-    }
-    ~AssertCapture() {
-        if (!done_) take();
-    }
-    // Number of reports naming exactly this expression.
+    // Reports naming exactly this expression.
     static int count(const std::string &text, const std::string &expr) {
         int n = 0;
-        const std::string quoted = "'" + expr + "'";
-        for (size_t p = text.find(quoted); p != std::string::npos; p = text.find(quoted, p + 1))
+        for (size_t p = text.find("'" + expr + "'"); p != std::string::npos;
+             p = text.find("'" + expr + "'", p + 1))
             ++n;
         return n;
     }
 
   private:
-    bool done_ = false;
+    bool asserts_, done_ = false;
 };
 
-// Registers every checked allocation for the test and requires all of it back at the end.
+// Registers every checked allocation during the test and wants all of it back at the end.
 class LeakChecked : public ::testing::Test {
   protected:
     void SetUp() override {
@@ -81,12 +56,12 @@ class LeakChecked : public ::testing::Test {
         gKT4MCOn = 0;
         MCReset();
     }
-    // The source tags of the live blocks.
     static std::set<std::string> live_tags() {
         std::set<std::string> tags;
-        MCForEach([](const kt4mc_block_info *b,
-                     void *a) { static_cast<std::set<std::string> *>(a)->insert(b->file); },
-                  &tags);
+        auto add = [](const kt4mc_block_info *b, void *a) {
+            static_cast<std::set<std::string> *>(a)->insert(b->file);
+        };
+        MCForEach(add, &tags);
         return tags;
     }
 };
