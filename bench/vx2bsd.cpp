@@ -44,7 +44,7 @@ constexpr int kMsgBytes = 16;
 // ---- uncontended take/give ----
 
 void lib_sem(benchmark::State &state) {
-    SEM_ID s = semBCreate(SEM_Q_FIFO, SEM_FULL);
+    kt4SemId s = semBCreate(KT4_SEM_Q_FIFO, KT4_SEM_FULL);
     for (auto _ : state) {
         semTake(s, WAIT_FOREVER);
         semGive(s);
@@ -64,10 +64,10 @@ void base_sem(benchmark::State &state) {
 // ---- ping-pong between two tasks ----
 
 struct PingPong {
-    SEM_ID ping = semBCreate(SEM_Q_FIFO, SEM_EMPTY);
-    SEM_ID pong = semBCreate(SEM_Q_FIFO, SEM_EMPTY);
-    SEM_ID start = semBCreate(SEM_Q_FIFO, SEM_EMPTY);
-    SEM_ID done = semBCreate(SEM_Q_FIFO, SEM_EMPTY);
+    kt4SemId ping = semBCreate(KT4_SEM_Q_FIFO, KT4_SEM_EMPTY);
+    kt4SemId pong = semBCreate(KT4_SEM_Q_FIFO, KT4_SEM_EMPTY);
+    kt4SemId start = semBCreate(KT4_SEM_Q_FIFO, KT4_SEM_EMPTY);
+    kt4SemId done = semBCreate(KT4_SEM_Q_FIFO, KT4_SEM_EMPTY);
     std::atomic<int> rounds{0};
     std::atomic<bool> stop{false};
 };
@@ -118,7 +118,7 @@ void lib_pingpong(benchmark::State &state) {
     semGive(pp.start);
     wait_gone(a);
     wait_gone(b);
-    for (SEM_ID s : {pp.ping, pp.pong, pp.start, pp.done})
+    for (kt4SemId s : {pp.ping, pp.pong, pp.start, pp.done})
         semDelete(s);
 }
 
@@ -186,9 +186,9 @@ void base_pingpong(benchmark::State &state) {
 // ---- queue between two tasks ----
 
 struct QueuePair {
-    MSG_Q_ID q = msgQCreate(kQueueCapacity, kMsgBytes, MSG_Q_FIFO);
-    SEM_ID start = semBCreate(SEM_Q_FIFO, SEM_EMPTY);
-    SEM_ID done = semBCreate(SEM_Q_FIFO, SEM_EMPTY);
+    kt4MsgQId q = msgQCreate(kQueueCapacity, kMsgBytes, KT4_MSGQ_FIFO);
+    kt4SemId start = semBCreate(KT4_SEM_Q_FIFO, KT4_SEM_EMPTY);
+    kt4SemId done = semBCreate(KT4_SEM_Q_FIFO, KT4_SEM_EMPTY);
     std::atomic<int> count{0};
     std::atomic<bool> stop{false};
 };
@@ -201,9 +201,9 @@ int producer(kt4_arg_t arg, kt4_arg_t, kt4_arg_t, kt4_arg_t, kt4_arg_t, kt4_arg_
         semTake(qp->start, WAIT_FOREVER);
         if (qp->stop) break;
         for (int i = qp->count; i > 0; --i)
-            msgQSend(qp->q, msg, sizeof msg, WAIT_FOREVER, MSG_PRI_NORMAL);
+            msgQSend(qp->q, msg, sizeof msg, WAIT_FOREVER, KT4_MSG_PRI_NORMAL);
     }
-    msgQSend(qp->q, msg, 0, WAIT_FOREVER, MSG_PRI_NORMAL); // empty message: consumer ends
+    msgQSend(qp->q, msg, 0, WAIT_FOREVER, KT4_MSG_PRI_NORMAL); // empty message: consumer ends
     return 0;
 }
 
@@ -320,8 +320,8 @@ void base_msgq(benchmark::State &state) {
 
 // ---- spawning a task that returns ----
 
-SEM_ID spawn_gone = 0;
-void on_delete(WIND_TCB *, const char *name) {
+kt4SemId spawn_gone = 0;
+void on_delete(kt4Tcb *, const char *name) {
     if (name != nullptr && std::strcmp(name, "tBench") == 0) semGive(spawn_gone);
 }
 
@@ -331,7 +331,7 @@ int returns(kt4_arg_t, kt4_arg_t, kt4_arg_t, kt4_arg_t, kt4_arg_t, kt4_arg_t, kt
 }
 
 void lib_spawn(benchmark::State &state) {
-    spawn_gone = semBCreate(SEM_Q_FIFO, SEM_EMPTY);
+    spawn_gone = semBCreate(KT4_SEM_Q_FIFO, KT4_SEM_EMPTY);
     taskDeleteHookAdd(on_delete);
     for (auto _ : state) {
         int id = taskSpawn("tBench", kTaskPriority, 0, 0, returns, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0);

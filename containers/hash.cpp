@@ -131,12 +131,11 @@ void kt4HashFree(void *ptr) {
 }
 
 kt4HashTable *kt4HashCreate(uint32_t size, void *(*alloc)(size_t), void (*release)(void *)) {
-    if (size == 0) {
-        _kt4Assert("size", kTag, __LINE__);
-        return nullptr;
-    }
-    if ((size & (size - 1)) != 0)
+    // Both checks are made, so a size of 0 is reported by each of them.
+    if (size == 0) _kt4Assert("size", kTag, __LINE__);
+    if (size == 0 || (size & (size - 1)) != 0)
         _kt4Assert("((size) ? ((((size) & ((size) - 1)) == 0) ? 1 : 0) : 0)", kTag, __LINE__);
+    if (size == 0) return nullptr;
     if (alloc == nullptr) alloc = kt4HashMalloc;
     if (release == nullptr) release = kt4HashFree;
     auto *t = static_cast<Table *>(alloc(sizeof(Table)));

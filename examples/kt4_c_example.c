@@ -27,15 +27,15 @@ static void on_timer(uintptr_t param) { fired += (int)param; }
 
 int main(void) {
     /* Tasking layer: a binary semaphore and a message queue. */
-    SEM_ID sem = semBCreate(SEM_Q_FIFO, SEM_FULL);
+    kt4SemId sem = semBCreate(KT4_SEM_Q_FIFO, KT4_SEM_FULL);
     CHECK(sem != 0);
     CHECK(semTake(sem, NO_WAIT) == OK);
     CHECK(semTake(sem, NO_WAIT) == ERROR);
     CHECK(semDelete(sem) == OK);
-    MSG_Q_ID q = msgQCreate(4, 16, MSG_Q_FIFO);
+    kt4MsgQId q = msgQCreate(4, 16, KT4_MSGQ_FIFO);
     char buf[16];
     CHECK(q != NULL);
-    CHECK(msgQSend(q, "hello", 6, NO_WAIT, MSG_PRI_NORMAL) == OK);
+    CHECK(msgQSend(q, "hello", 6, NO_WAIT, KT4_MSG_PRI_NORMAL) == OK);
     CHECK(msgQReceive(q, buf, sizeof buf, NO_WAIT) == 6 && strcmp(buf, "hello") == 0);
     CHECK(msgQDelete(q) == OK);
 

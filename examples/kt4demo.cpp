@@ -35,9 +35,9 @@ struct WorkItem {
 };
 
 struct WorkShop {
-    MSG_Q_ID queue = nullptr;
-    SEM_ID total_guard = 0;
-    SEM_ID finished = 0;
+    kt4MsgQId queue = nullptr;
+    kt4SemId total_guard = 0;
+    kt4SemId finished = 0;
     long total = 0;           // under total_guard
     int per_worker[kWorkers]; // under total_guard
 };
@@ -48,7 +48,7 @@ int producer(kt4_arg_t shop_arg, kt4_arg_t first, kt4_arg_t, kt4_arg_t, kt4_arg_
     for (int i = 0; i < kItemsPerProducer; ++i) {
         WorkItem item{0, static_cast<int32_t>(first) + i};
         msgQSend(shop->queue, reinterpret_cast<const char *>(&item), sizeof item, WAIT_FOREVER,
-                 MSG_PRI_NORMAL);
+                 KT4_MSG_PRI_NORMAL);
     }
     return 0;
 }
@@ -73,9 +73,9 @@ int worker(kt4_arg_t shop_arg, kt4_arg_t index, kt4_arg_t, kt4_arg_t, kt4_arg_t,
 bool section_work_queue() {
     WorkShop shop;
     std::memset(shop.per_worker, 0, sizeof shop.per_worker);
-    shop.queue = msgQCreate(16, sizeof(WorkItem), MSG_Q_FIFO);
-    shop.total_guard = semMCreate(SEM_Q_PRIORITY | SEM_INVERSION_SAFE | SEM_DELETE_SAFE);
-    shop.finished = semCCreate(SEM_Q_FIFO, 0);
+    shop.queue = msgQCreate(16, sizeof(WorkItem), KT4_MSGQ_FIFO);
+    shop.total_guard = semMCreate(KT4_SEM_Q_PRIORITY | KT4_SEM_INVERSION_SAFE | KT4_SEM_DELETE_SAFE);
+    shop.finished = semCCreate(KT4_SEM_Q_FIFO, 0);
     if (shop.queue == nullptr || shop.total_guard == 0 || shop.finished == 0) return false;
     auto arg = reinterpret_cast<kt4_arg_t>(&shop);
 
@@ -98,7 +98,7 @@ bool section_work_queue() {
     for (int w = 0; w < kWorkers; ++w) {
         WorkItem stop{1, 0};
         msgQSend(shop.queue, reinterpret_cast<const char *>(&stop), sizeof stop, WAIT_FOREVER,
-                 MSG_PRI_URGENT);
+                 KT4_MSG_PRI_URGENT);
     }
     for (int w = 0; w < kWorkers; ++w)
         for (int i = 0; i < 100 && taskIdVerify(workers[w]) == OK; ++i)
@@ -127,7 +127,7 @@ bool section_work_queue() {
 // watchdog notices the stall and resumes it.
 
 struct Watch {
-    WDOG_ID wd = nullptr;
+    kt4WdogId wd = nullptr;
     int task = 0;
     std::atomic<long> progress{0};
     long last_seen = -1;

@@ -37,7 +37,7 @@ struct Role {
     int peerService = 0;
     int peerInstance = 0;
     std::vector<std::string> words;
-    SEM_ID done = 0;
+    kt4SemId done = 0;
     int result = 1;
 };
 
@@ -163,7 +163,7 @@ int main(int argc, char **argv) {
         for (int i = 4; i <= userWords; ++i)
             role.words.emplace_back(argv[i]);
     }
-    role.done = semBCreate(SEM_Q_FIFO, SEM_EMPTY);
+    role.done = semBCreate(KT4_SEM_Q_FIFO, KT4_SEM_EMPTY);
     const int service = std::atoi(argv[argc - 6]);
     const int instance = std::atoi(argv[argc - 5]);
     if (kt4_taskSpawn(role.server ? "tServer" : "tClient", 100, 0, 0, task_main, service, instance,

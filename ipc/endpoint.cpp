@@ -287,7 +287,7 @@ int open_endpoint(TaskLocalInfo *rec, int service, int instance, bool secondary)
         rec->openQueues |= kOpenRsp;
     }
     if (rec->rspLink->rspSem == 0) {
-        SEM_ID sem = semBCreate(SEM_Q_PRIORITY, SEM_FULL);
+        kt4SemId sem = semBCreate(KT4_SEM_Q_PRIORITY, KT4_SEM_FULL);
         if (sem == 0) {
             report_error("Failed to create ipc_rspq_sem for %s", self_name());
             return -1;
@@ -590,7 +590,7 @@ int kt4IpcClose(int key) {
         grt_endpoint_cleanup(base);
         close_link(rec->reqLink);
         close_link(rec->rspLink);
-        SEM_ID sem = rec->rspLink->rspSem;
+        kt4SemId sem = rec->rspLink->rspSem;
         if (sem != 0) {
             // Taken first so that an exchange still running on the endpoint finishes first.
             KT4_ASSERT_TAG(semTake(sem, WAIT_FOREVER) == OK, "kt4IpcLib");

@@ -54,7 +54,7 @@ struct IpcLink {
     kt4::be32 protocol;  // 17 (UDP)
     kt4::be32 sndBuf;    // SO_SNDBUF read back from the socket
     kt4::be32 rcvBuf;    // SO_RCVBUF read back from the socket
-    kt4::be32 rspSem;    // response link only: the response-queue semaphore (SEM_ID)
+    kt4::be32 rspSem;    // response link only: the response-queue semaphore (kt4SemId)
     kt4::be32 broadcast; // SO_BROADCAST as last set through the enable/disable calls
     void *pending;       // a buffer the link holds between calls, freed at close (or null)
 };
@@ -66,9 +66,9 @@ struct TaskLocalInfo {
     kt4::be32 parentTaskId; // task that spawned the owner
     kt4::be32 pid;          // getpid() of the owner
     kt4::be64 startArg;     // the owner's start argument (pointer-wide, as kt4_arg_t)
-    kt4::be32 coreTask;     // 1 for services 13, 14 and 24
     kt4::be32 stateFlags;   // kStateNotOpened cleared at open
-    kt4::be32 spare1[2];
+    kt4::be32 coreTask;     // 1 for services 13, 14 and 24
+    kt4::be32 spare1;
     kt4::be32 service;  // as opened / claimed
     kt4::be32 instance; // as opened / claimed
     kt4::be32 spare2[4];

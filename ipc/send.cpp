@@ -480,15 +480,6 @@ int send_wait_exchange(int key, void *sendBuf, void *replyBuf, int sendLen, int 
     h->transaction = transaction;
     int reqFd = static_cast<int>(rec->reqLink->fd.get());
     int rspFd = static_cast<int>(rec->rspLink->fd.get());
-    if (timeout < 0) {
-        report_error("SndWait: Invalid Timeout value, tmout=%d. Task: %s, Key: %d, sendPayload: "
-                     "0x%x, sendLen: %d,recvLen: %d, type: %d, transaction: %d \r\n",
-                     timeout, self_name(), key,
-                     static_cast<unsigned>(reinterpret_cast<uintptr_t>(sendBuf)), sendLen,
-                     replySize, static_cast<int>(msgType), static_cast<int>(transaction));
-        errno = EINVAL;
-        return -1;
-    }
     if (send_dgram(reqFd, sendBuf, static_cast<size_t>(sendLen), h->tgt.addr,
                    qid_port(h->tgt.qid)) < 0) {
         int e = errno;
@@ -499,6 +490,16 @@ int send_wait_exchange(int key, void *sendBuf, void *replyBuf, int sendLen, int 
         return -1;
     }
     hist_record(sendBuf, static_cast<size_t>(sendLen));
+    // The timeout is read only once the request is out: a negative one still sends it.
+    if (timeout < 0) {
+        report_error("SndWait: Invalid Timeout value, tmout=%d. Task: %s, Key: %d, sendPayload: "
+                     "0x%x, sendLen: %d,recvLen: %d, type: %d, transaction: %d \r\n",
+                     timeout, self_name(), key,
+                     static_cast<unsigned>(reinterpret_cast<uintptr_t>(sendBuf)), sendLen,
+                     replySize, static_cast<int>(msgType), static_cast<int>(transaction));
+        errno = EINVAL;
+        return -1;
+    }
 
     // One buffer for request and reply: the reply is read aside and copied over at the end,
     // so a dropped datagram never clobbers the caller's request.

@@ -499,9 +499,14 @@ Partition *ownPartition() {
 
 // ---- Partitions ---------------------------------------------------------------------------
 
-bool partIdOk(int partId) {
+// The pool-id paths check against the table size, the partition-id calls against the
+// compile-time limit: each reports its own expression.
+constexpr const char *kPartIdOfPool = "realPartId < MaxPartId";
+constexpr const char *kPartIdGiven = "realPartId < MAX_PART_ID";
+
+bool partIdOk(int partId, const char *expr = kPartIdOfPool) {
     if (!(static_cast<unsigned>(partId) < static_cast<unsigned>(MaxPartId))) {
-        _kt4Assert("realPartId < MaxPartId", kSrcTag, __LINE__);
+        _kt4Assert(expr, kSrcTag, __LINE__);
         return false;
     }
     return true;
@@ -832,7 +837,7 @@ uint32_t calcPageSize(uint32_t chnkSz) {
 }
 
 int kt4_memPartFixedInit(int partId, int numPools) {
-    if (!partIdOk(partId)) return -1;
+    if (!partIdOk(partId, kPartIdGiven)) return -1;
     if (numPools < 1 || numPools > MAX_FIXED_POOLS) {
         memError("%s: kt4_memPartFixedInit: Part Id: %d, bad number of pools %d", kModName, partId,
                  numPools);
@@ -860,7 +865,7 @@ int kt4_memPartFixedInit(int partId, int numPools) {
 }
 
 int kt4_memPartVarInit(int partId, const char *name, const uint32_t *sizes, int numSizes) {
-    if (!partIdOk(partId)) return -1;
+    if (!partIdOk(partId, kPartIdGiven)) return -1;
     const int maxPools = numSizes;
     if (!(maxPools >= MIN_VAR_POOLS)) {
         _kt4Assert("maxPools >= MIN_VAR_POOLS", kSrcTag, __LINE__);
@@ -1033,7 +1038,7 @@ STATUS M_memBlockFree(const char *file, int line, void *addr) {
 }
 
 void *M_memBlockVarAlloc(const char *file, int line, uint32_t size, int partId) {
-    if (!partIdOk(partId)) return nullptr;
+    if (!partIdOk(partId, kPartIdGiven)) return nullptr;
     Partition *part = partGet(partId);
     if (part == nullptr) {
         memError("%s: kt4_memBlockVarAlloc: Part Id: %d does not exist (%s:%d)", kModName, partId,
@@ -1063,7 +1068,7 @@ void *M_memBlockVarAlloc(const char *file, int line, uint32_t size, int partId) 
 }
 
 STATUS M_memBlockVarFree(const char *file, int line, void *addr, int partId) {
-    if (!partIdOk(partId)) return ERROR;
+    if (!partIdOk(partId, kPartIdGiven)) return ERROR;
     return blockFree("kt4_memBlockVarFree", file, line, addr, partId);
 }
 
@@ -1134,7 +1139,7 @@ STATUS M_memPoolInfoGet(int poolId, M_MEM_POOL_INFO *info) {
 }
 
 STATUS M_memPartVarFlush(int partId) {
-    if (!partIdOk(partId)) return ERROR;
+    if (!partIdOk(partId, kPartIdGiven)) return ERROR;
     Partition *part = partGet(partId);
     if (part == nullptr) return ERROR;
     withPart(part, [&]() {
@@ -1145,7 +1150,7 @@ STATUS M_memPartVarFlush(int partId) {
 }
 
 STATUS kt4_memPartVarDelete(int partId) {
-    if (!partIdOk(partId)) return ERROR;
+    if (!partIdOk(partId, kPartIdGiven)) return ERROR;
     Partition *part = partGet(partId);
     if (part == nullptr) return ERROR;
     bool dropPart = false;
@@ -1162,7 +1167,7 @@ STATUS kt4_memPartVarDelete(int partId) {
 }
 
 STATUS kt4_memPartDelete(int partId) {
-    if (!partIdOk(partId)) return ERROR;
+    if (!partIdOk(partId, kPartIdGiven)) return ERROR;
     Partition *part;
     {
         kt4::MutexGuard g(partTableLock);
@@ -1175,7 +1180,7 @@ STATUS kt4_memPartDelete(int partId) {
 }
 
 STATUS M_sysForceMemBlockFree(int partId) {
-    if (!partIdOk(partId)) return ERROR;
+    if (!partIdOk(partId, kPartIdGiven)) return ERROR;
     Partition *part = partGet(partId);
     if (part == nullptr) return ERROR;
     char name[sizeof part->name];

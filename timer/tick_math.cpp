@@ -1,10 +1,10 @@
 // Overflow-checked arithmetic on tick and second values, and their text forms.
 //
 // Callers of the timers compute deadlines from values that come from configuration and from
-// the wire, so every operation either gives the exact result or fails without writing. The
-// multiplication checks keep the system's rule (the product must not be smaller than either
-// factor): multiplying by zero therefore fails unless both factors are zero. A product that
-// wraps fails too.
+// the wire, so every operation either gives its result or fails without writing. The
+// multiplication checks keep the system's rule (the product, kept to the width of the values,
+// must not be smaller than either factor): multiplying by zero therefore fails unless both
+// factors are zero, and a wrap that this rule does not catch gives the low bits.
 #include <kt4/timer.h>
 
 #include <climits>
@@ -61,10 +61,8 @@ int kt4tick_sub_tick(uint32_t aHigh, uint32_t aLow, uint32_t bHigh, uint32_t bLo
 int kt4tick_mul_tick(uint32_t aHigh, uint32_t aLow, uint32_t bHigh, uint32_t bLow, uint64_t *r) {
     if (r == nullptr) return -1;
     uint64_t a = join(aHigh, aLow), b = join(bHigh, bLow);
-    uint64_t p;
-    // The product-below-a-factor rule alone lets some wraps through (2^63 x 3 comes back as
-    // 2^63); a wrap is refused as well.
-    if (__builtin_mul_overflow(a, b, &p) || p < a || p < b) return -1;
+    uint64_t p = a * b;
+    if (p < a || p < b) return -1;
     *r = p;
     return 0;
 }
@@ -91,8 +89,8 @@ int kt4tick_sub_sec(uint32_t a, uint32_t b, uint32_t *r) {
 
 int kt4tick_mul_sec(uint32_t a, uint32_t b, uint32_t *r) {
     if (r == nullptr) return -1;
-    uint32_t p;
-    if (__builtin_mul_overflow(a, b, &p) || p < a || p < b) return -1;
+    uint32_t p = a * b;
+    if (p < a || p < b) return -1;
     *r = p;
     return 0;
 }

@@ -32,10 +32,10 @@ constexpr const char *kTag = "kt4TimerLib";
 constexpr uint64_t kTicksPerSecond = 50;
 
 // The library's notion of now is tick64Get() plus this offset (kt4TimerTickSet).
-std::atomic<uint64_t> timer_tick_offset{0};
+std::atomic<uint64_t> kt4TimerTickOffset{0};
 
 uint64_t lib_now() {
-    return tick64Get() + timer_tick_offset.load(std::memory_order_relaxed);
+    return tick64Get() + kt4TimerTickOffset.load(std::memory_order_relaxed);
 }
 
 } // namespace
@@ -90,7 +90,7 @@ kt4Timer *p2BtreeNext(kt4RBTree *tree, kt4Timer *t) {
 
 // ---- the head's semaphore -----------------------------------------------------------------
 
-SEM_ID sem_of(const kt4TmrHead *head) {
+kt4SemId sem_of(const kt4TmrHead *head) {
     return kt4::load_be32(&head->SemID);
 }
 
@@ -109,7 +109,7 @@ class HeadLock {
     HeadLock &operator=(const HeadLock &) = delete;
 
   private:
-    SEM_ID sem_;
+    kt4SemId sem_;
 };
 
 // ---- linking, under the head's semaphore ------------------------------------------------
@@ -256,9 +256,9 @@ int kt4TmrHeadInit(kt4TmrHead *head, KT4_TMR_ALLOC_FN allocFn, KT4_TMR_FREE_FN f
     if (head == nullptr) return -1;
     kt4RBTree *tree = kt4RBTreeCreate(kTag, 0, 0, nullptr, nullptr, tree_compare);
     if (tree == nullptr) return -1;
-    SEM_ID sem = 0;
+    kt4SemId sem = 0;
     if (useSemaphore) {
-        sem = semBCreate(SEM_Q_PRIORITY, SEM_FULL);
+        sem = semBCreate(KT4_SEM_Q_PRIORITY, KT4_SEM_FULL);
         if (sem == 0) {
             kt4RBTreeDestroy(tree);
             return -1;
@@ -274,7 +274,7 @@ int kt4TmrHeadInit(kt4TmrHead *head, KT4_TMR_ALLOC_FN allocFn, KT4_TMR_FREE_FN f
 
 int kt4TmrHeadDestroy(kt4TmrHead *head) {
     if (head == nullptr) return -1;
-    SEM_ID sem = sem_of(head);
+    kt4SemId sem = sem_of(head);
     if (sem != 0) {
         // Given and taken once more so that the semaphore is ours when it goes.
         semGive(sem);
@@ -420,7 +420,7 @@ uint64_t kt4TimerTickGet(void) {
 }
 
 uint64_t kt4TimerTickGetOffset(void) {
-    return timer_tick_offset.load(std::memory_order_relaxed);
+    return kt4TimerTickOffset.load(std::memory_order_relaxed);
 }
 
 void kt4TimerPrintCurrentTick(void) {
@@ -434,7 +434,7 @@ void kt4TimerPrintCurrentTick(void) {
 
 STATUS kt4TimerTickSet(uint32_t high, uint32_t low) {
     uint64_t want = (static_cast<uint64_t>(high) << 32) | low;
-    timer_tick_offset.store(want - tick64Get(), std::memory_order_relaxed);
+    kt4TimerTickOffset.store(want - tick64Get(), std::memory_order_relaxed);
     kt4TimerPrintCurrentTick();
     return OK;
 }

@@ -81,12 +81,12 @@ struct StartGate {
     int refs;
     bool open;
     bool go; // false: creation failed after the spawn, end without running the entry
-    FUNCPTR entry;
+    kt4TaskEntry entry;
     kt4_arg_t arg;
     int key;
 };
 
-StartGate *gate_new(FUNCPTR entry, kt4_arg_t arg, int key) {
+StartGate *gate_new(kt4TaskEntry entry, kt4_arg_t arg, int key) {
     auto *g = static_cast<StartGate *>(KT4_CALLOC(1, sizeof(StartGate)));
     if (g == nullptr) return nullptr;
     KT4_VERIFY(!pthread_mutex_init(&g->lock, nullptr));
@@ -130,7 +130,7 @@ int task_start(kt4_arg_t a1, kt4_arg_t, kt4_arg_t, kt4_arg_t, kt4_arg_t, kt4_arg
         ~Ref() { gate_drop(g); }
     } ref{g};
     bool go;
-    FUNCPTR entry;
+    kt4TaskEntry entry;
     kt4_arg_t arg;
     int key;
     {
@@ -150,7 +150,7 @@ int task_start(kt4_arg_t a1, kt4_arg_t, kt4_arg_t, kt4_arg_t, kt4_arg_t, kt4_arg
 // caller; claims its process record for it. The task id, or -1 (reservation left to the
 // caller to cancel).
 int spawn_thread(const char *who, const char *name, int priority, int options, int stackSize,
-                 FUNCPTR entry, kt4_arg_t arg, int service, int instance, int parentTaskId) {
+                 kt4TaskEntry entry, kt4_arg_t arg, int service, int instance, int parentTaskId) {
     const int key = service << 7 | instance << 2;
     kt4::ipc::TaskLocalInfo *rec = kt4::ipc::localinfo_record(service, instance);
     if (rec == nullptr) {
@@ -350,7 +350,7 @@ void wait_for_parent(const char *name, int parentPid) {
 extern "C" {
 
 int kt4TaskCreate(const char *name, int service, int instance, int how, int priority, int options,
-                  int stackSize, FUNCPTR entry, kt4_arg_t arg, const char *program,
+                  int stackSize, kt4TaskEntry entry, kt4_arg_t arg, const char *program,
                   const char *args) {
     static const char *const who = "kt4TaskCreate";
     if (!identity_ok(service, instance) || (how == KT4_TASK_AS_THREAD && entry == nullptr) ||
@@ -429,7 +429,7 @@ int kt4TaskCreate(const char *name, int service, int instance, int how, int prio
     return tid;
 }
 
-int kt4_taskSpawnP(const char *name, int priority, int options, int stackSize, FUNCPTR entry,
+int kt4_taskSpawnP(const char *name, int priority, int options, int stackSize, kt4TaskEntry entry,
                    int service, int instance, kt4_arg_t arg, int parentPid) {
     static const char *const who = "kt4_taskSpawn";
     if (!identity_ok(service, instance) || entry == nullptr) {
@@ -469,7 +469,7 @@ int kt4_taskSpawnP(const char *name, int priority, int options, int stackSize, F
     return tid;
 }
 
-int kt4_taskSpawn(const char *name, int priority, int options, int stackSize, FUNCPTR entry,
+int kt4_taskSpawn(const char *name, int priority, int options, int stackSize, kt4TaskEntry entry,
                   int service, int instance, kt4_arg_t arg) {
     return kt4_taskSpawnP(name, priority, options, stackSize, entry, service, instance, arg,
                           static_cast<int>(getppid()));

@@ -46,7 +46,7 @@ bool next_owned(Owned &o) {
 
 } // namespace
 
-extern "C" void kt4TaskExit(WIND_TCB *tcb, const char *name) {
+extern "C" void kt4TaskExit(kt4Tcb *tcb, const char *name) {
     // The hook may run in another task's thread: the dying task is named by its TCB.
     const int tid =
         tcb != nullptr ? static_cast<int>(reinterpret_cast<kt4::vx::tcb *>(tcb)->id) : taskIdSelf();

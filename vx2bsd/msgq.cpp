@@ -96,7 +96,7 @@ void broadcast_space(msg_queue *q) {
 // Stores a message. Caller holds queue_lock and has checked for room.
 void put(msg_queue *q, const char *buffer, unsigned length, int priority) {
     unsigned char *slot;
-    if (priority == MSG_PRI_URGENT) {
+    if (priority == KT4_MSG_PRI_URGENT) {
         q->head = prev_slot(q, q->head);
         slot = q->head;
         q->state |= kStateUrgent;
@@ -192,7 +192,7 @@ void destroy_queue(msg_queue *q) {
 
 extern "C" {
 
-MSG_Q_ID msgQCreate(int maxMsgs, int maxMsgLength, int options) {
+kt4MsgQId msgQCreate(int maxMsgs, int maxMsgLength, int options) {
     if (maxMsgs < 0 || maxMsgLength < 0 ||
         static_cast<uint64_t>(maxMsgs) + 1 >
             std::numeric_limits<uint32_t>::max() /
@@ -223,7 +223,7 @@ MSG_Q_ID msgQCreate(int maxMsgs, int maxMsgLength, int options) {
     q->state = 0;
     q->count = 0;
     q->receivers = q->senders = nullptr;
-    q->q_priority = (options & MSG_Q_PRIORITY) ? 1 : 0;
+    q->q_priority = (options & KT4_MSGQ_PRIORITY) ? 1 : 0;
     KT4_VERIFY(!pthread_mutex_init(&(q->queue_lock), nullptr));
     cond_init_monotonic(&(q->queue_send));
     KT4_VERIFY(!pthread_mutex_init(&(q->qdlet_lock), nullptr));
@@ -239,7 +239,7 @@ MSG_Q_ID msgQCreate(int maxMsgs, int maxMsgLength, int options) {
     return q;
 }
 
-STATUS msgQSend(MSG_Q_ID q, const char *buffer, unsigned nBytes, int timeout, int priority) {
+STATUS msgQSend(kt4MsgQId q, const char *buffer, unsigned nBytes, int timeout, int priority) {
     if (q == nullptr) {
         errno = kErrIdError;
         return ERROR;
@@ -312,7 +312,7 @@ STATUS msgQSend(MSG_Q_ID q, const char *buffer, unsigned nBytes, int timeout, in
     return outcome == Outcome::Done ? OK : fail(outcome, timeout);
 }
 
-int msgQReceive(MSG_Q_ID q, char *buffer, unsigned maxNBytes, int timeout) {
+int msgQReceive(kt4MsgQId q, char *buffer, unsigned maxNBytes, int timeout) {
     if (q == nullptr) {
         errno = kErrIdError;
         return ERROR;
@@ -373,7 +373,7 @@ int msgQReceive(MSG_Q_ID q, char *buffer, unsigned maxNBytes, int timeout) {
     return fail(outcome, timeout);
 }
 
-int msgQNumMsgs(MSG_Q_ID q) {
+int msgQNumMsgs(kt4MsgQId q) {
     if (q == nullptr) {
         errno = kErrIdError;
         return ERROR;
@@ -386,7 +386,7 @@ int msgQNumMsgs(MSG_Q_ID q) {
     return q->count;
 }
 
-STATUS msgQDelete(MSG_Q_ID q) {
+STATUS msgQDelete(kt4MsgQId q) {
     if (q == nullptr) {
         errno = kErrIdError;
         return ERROR;

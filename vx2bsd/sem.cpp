@@ -71,14 +71,14 @@ void table_unlock() {
     sig_undefer();
 }
 
-semaphore *entry_of(SEM_ID sema4) {
+semaphore *entry_of(kt4SemId sema4) {
     sema4_entry &e = v2pt_sema4_array[sema4 % V2PT_MAX_SEMID_IDX];
     return (e.sem != nullptr && e.id == sema4) ? e.sem : nullptr;
 }
 
 // Finds the semaphore of an id and returns it with sema4_lock taken (before the table lock is
 // released), or null.
-semaphore *sem_validate(SEM_ID sema4) {
+semaphore *sem_validate(kt4SemId sema4) {
     table_lock();
     semaphore *s = entry_of(sema4);
     if (s != nullptr) {
@@ -101,7 +101,7 @@ void destroy_sem(semaphore *s) {
     ts_free(s);
 }
 
-SEM_ID sem_create(uint32_t type_options, int count) {
+kt4SemId sem_create(uint32_t type_options, int count) {
     auto *s = static_cast<semaphore *>(ts_malloc(sizeof(semaphore)));
     if (s == nullptr) return 0;
     std::memset(static_cast<void *>(s), 0, sizeof *s);
@@ -285,20 +285,20 @@ STATUS wait_token(semaphore *s, ObjLock &lk, tcb *me, int timeout) {
 
 extern "C" {
 
-SEM_ID semBCreate(int options, int initialState) {
+kt4SemId semBCreate(int options, int initialState) {
     return sem_create(static_cast<uint32_t>(options) & kOptPriority, initialState != 0 ? 1 : 0);
 }
 
-SEM_ID semCCreate(int options, int initialCount) {
+kt4SemId semCCreate(int options, int initialCount) {
     return sem_create((static_cast<uint32_t>(options) & kOptPriority) | kTypeCounting,
                       initialCount);
 }
 
-SEM_ID semMCreate(int options) {
+kt4SemId semMCreate(int options) {
     return sem_create((static_cast<uint32_t>(options) & 0x0F) | kTypeMutex, 1);
 }
 
-STATUS semTake(SEM_ID semId, int timeout) {
+STATUS semTake(kt4SemId semId, int timeout) {
     semaphore *s = sem_validate(semId);
     if (s == nullptr) {
         errno = kErrIdError;
@@ -325,7 +325,7 @@ STATUS semTake(SEM_ID semId, int timeout) {
     return wait_token(s, lk, me, timeout);
 }
 
-STATUS semGive(SEM_ID semId) {
+STATUS semGive(kt4SemId semId) {
     semaphore *s = sem_validate(semId);
     if (s == nullptr) {
         errno = kErrIdError;
@@ -366,7 +366,7 @@ STATUS semGive(SEM_ID semId) {
     return OK;
 }
 
-STATUS semFlush(SEM_ID semId) {
+STATUS semFlush(kt4SemId semId) {
     semaphore *s = sem_validate(semId);
     if (s == nullptr) {
         errno = kErrIdError;
@@ -395,7 +395,7 @@ STATUS semFlush(SEM_ID semId) {
     return OK;
 }
 
-STATUS semDelete(SEM_ID semId) {
+STATUS semDelete(kt4SemId semId) {
     semaphore *s = sem_validate(semId);
     if (s == nullptr) {
         errno = kErrIdError;

@@ -34,9 +34,9 @@ using namespace kt4::vx;
 
 namespace {
 
-WIND_TCB root_tcb;
-WIND_TCB excp_tcb;
-WIND_TCB timer_tcb;
+kt4Tcb root_tcb;
+kt4Tcb excp_tcb;
+kt4Tcb timer_tcb;
 
 std::atomic<bool> vx_started{false};
 std::atomic<int> livecore_requested{0};
@@ -49,7 +49,7 @@ bool services_ready = false;
 
 constexpr int kResourceCount = 12; // RLIMIT_CPU .. RLIMIT_SIGPENDING
 
-tcb *as_tcb(WIND_TCB *w) {
+tcb *as_tcb(kt4Tcb *w) {
     return reinterpret_cast<tcb *>(w);
 }
 
@@ -139,7 +139,7 @@ int root_task(kt4_arg_t exc_flag, kt4_arg_t timer_flag, kt4_arg_t, kt4_arg_t, kt
 }
 
 // Prepares and starts one service task at a POSIX priority outside the mapping's clamp.
-void start_service(WIND_TCB *w, const char *name, int priority, int posix_priority, FUNCPTR entry,
+void start_service(kt4Tcb *w, const char *name, int priority, int posix_priority, kt4TaskEntry entry,
                    const char *attr_text, kt4_arg_t a1 = 0, kt4_arg_t a2 = 0) {
     if (taskInit(w, name, priority, 0, nullptr, 0, entry, a1, a2, 0, 0, 0, 0, 0, 0, 0, 0) != OK)
         return;

@@ -41,7 +41,7 @@ int round_robin_enabled = 0;         // under task_list_lock (atomic reads)
 unsigned long taskReactivations = 0; // under task_list_lock
 
 constexpr int kHookSlots = 64;
-TASK_DELETE_HOOK taskDeleteTable[kHookSlots]; // under task_list_lock
+kt4TaskDeleteHook taskDeleteTable[kHookSlots]; // under task_list_lock
 int taskDeleteNumHooks = 0;
 bool taskDeleteHookinited = false;
 
@@ -104,7 +104,7 @@ void wait_unpinned_locked(ListLock &ll, tcb *t) {
 }
 
 void destroy_sync(tcb *t) {
-    KT4_VERIFY(!pthread_attr_destroy(&(t->attr)));
+    KT4_VERIFY_AS(pthread_attr_destroy(&(t->attr)) == 0, "!pthread_attr_destroy(&(tcb->attr))");
     KT4_VERIFY_AS(pthread_mutex_destroy(&(t->tdelete_lock)) == 0,
                   "!pthread_mutex_destroy(&(tcb->tdelete_lock))");
     KT4_VERIFY_AS(pthread_mutex_destroy(&(t->dbcst_lock)) == 0,
@@ -154,7 +154,7 @@ struct ExitGuard {
 
 struct RestartRecord {
     int id;
-    WDOG_ID wd;
+    kt4WdogId wd;
 };
 
 void self_starter(kt4_arg_t arg);
@@ -200,7 +200,7 @@ int start_thread_locked(tcb *t) {
 void *task_wrapper(void *arg) {
     tcb *t = static_cast<tcb *>(arg);
     ExitGuard guard;
-    FUNCPTR entry;
+    kt4TaskEntry entry;
     kt4_arg_t a[10];
     {
         // A deletion requested this early takes effect in the entry routine, not half-way
@@ -227,9 +227,13 @@ void *task_wrapper(void *arg) {
 
 // Broadcast to the task's deleters that it may now be deleted, then wait until every one has
 // taken note (left the deleters list).
-void notify_task_delete(tcb *t) {
-    ObjLock db(t->dbcst_lock, "!pthread_mutex_lock (&(tcb->dbcst_lock))",
-               "!pthread_mutex_unlock (&(tcb->dbcst_lock))");
+// A task waking its own deleters (taskUnsafe) names the lock as its own in the abort text.
+void notify_task_delete(tcb *t, bool self = false) {
+    ObjLock db(t->dbcst_lock,
+               self ? "!pthread_mutex_lock (&(current_tcb->dbcst_lock))"
+                    : "!pthread_mutex_lock (&(tcb->dbcst_lock))",
+               self ? "!pthread_mutex_unlock (&(current_tcb->dbcst_lock))"
+                    : "!pthread_mutex_unlock (&(tcb->dbcst_lock))");
     db.lock();
     {
         ObjLock td(t->tdelete_lock, "!pthread_mutex_lock (&(tcb->tdelete_lock))",
@@ -436,7 +440,7 @@ void taskDeleteHookInit() {
 } // namespace
 
 void taskDeleteHookRun(tcb *t, const char *name) {
-    TASK_DELETE_HOOK copy[kHookSlots];
+    kt4TaskDeleteHook copy[kHookSlots];
     int n;
     {
         LockScope boost;
@@ -447,7 +451,7 @@ void taskDeleteHookRun(tcb *t, const char *name) {
             copy[i] = taskDeleteTable[i];
     }
     for (int i = 0; i < n; ++i)
-        if (copy[i] != nullptr) copy[i](reinterpret_cast<WIND_TCB *>(t), name);
+        if (copy[i] != nullptr) copy[i](reinterpret_cast<kt4Tcb *>(t), name);
 }
 
 // Service-task priorities bypass the mapping's clamp.
@@ -459,7 +463,7 @@ void set_posix_priority(tcb *t, int prio255, const char *attr_text) {
 
 namespace {
 
-WDOG_ID restart_wdog = nullptr; // under task_list_lock
+kt4WdogId restart_wdog = nullptr; // under task_list_lock
 
 void self_starter(kt4_arg_t arg) {
     auto *rec = reinterpret_cast<RestartRecord *>(arg);
@@ -484,7 +488,7 @@ void self_starter(kt4_arg_t arg) {
 
 } // namespace
 
-void restart_wdog_set(WDOG_ID wd) {
+void restart_wdog_set(kt4WdogId wd) {
     ListLock ll;
     restart_wdog = wd;
 }
@@ -501,8 +505,8 @@ int vx2bsdLibInit(void) {
     return key_result;
 }
 
-STATUS taskInit(WIND_TCB *wtcb, const char *name, int priority, int options, char *stackBase,
-                int stackSize, FUNCPTR entry, kt4_arg_t a1, kt4_arg_t a2, kt4_arg_t a3,
+STATUS taskInit(kt4Tcb *wtcb, const char *name, int priority, int options, char *stackBase,
+                int stackSize, kt4TaskEntry entry, kt4_arg_t a1, kt4_arg_t a2, kt4_arg_t a3,
                 kt4_arg_t a4, kt4_arg_t a5, kt4_arg_t a6, kt4_arg_t a7, kt4_arg_t a8, kt4_arg_t a9,
                 kt4_arg_t a10) {
     (void)stackBase; // threads get the host's default stack
@@ -586,7 +590,7 @@ STATUS taskActivate(int tid) {
     return ERROR;
 }
 
-int taskSpawn(const char *name, int priority, int options, int stackSize, FUNCPTR entry,
+int taskSpawn(const char *name, int priority, int options, int stackSize, kt4TaskEntry entry,
               kt4_arg_t a1, kt4_arg_t a2, kt4_arg_t a3, kt4_arg_t a4, kt4_arg_t a5, kt4_arg_t a6,
               kt4_arg_t a7, kt4_arg_t a8, kt4_arg_t a9, kt4_arg_t a10) {
     auto *t = static_cast<tcb *>(ts_malloc(sizeof(tcb)));
@@ -613,7 +617,7 @@ int taskSpawn(const char *name, int priority, int options, int stackSize, FUNCPT
         std::snprintf(auto_name, sizeof auto_name, "t%d", new_id);
         name = auto_name;
     }
-    if (taskInit(reinterpret_cast<WIND_TCB *>(t), name, priority, options, nullptr, stackSize,
+    if (taskInit(reinterpret_cast<kt4Tcb *>(t), name, priority, options, nullptr, stackSize,
                  entry, a1, a2, a3, a4, a5, a6, a7, a8, a9, a10) != OK) {
         int saved = errno;
         // The TCB never reached the list: what it owns goes with it.
@@ -895,7 +899,7 @@ STATUS taskUnsafe(void) {
             wake = me->safe_count == 0 && !pend_empty(&me->deleters);
         }
     }
-    if (wake) notify_task_delete(me);
+    if (wake) notify_task_delete(me, true);
     return OK;
 }
 
@@ -997,14 +1001,14 @@ BOOL taskIsSuspended(int tid) {
     return (t != nullptr && tcb_listed(t) && (t->status & kStSuspended) != 0) ? TRUE : FALSE;
 }
 
-WIND_TCB *taskTcb(int tid) {
+kt4Tcb *taskTcb(int tid) {
     ListLock ll;
     tcb *t = lookup_self_or(tid);
     if (t == nullptr || !tcb_listed(t)) return nullptr;
-    return reinterpret_cast<WIND_TCB *>(t);
+    return reinterpret_cast<kt4Tcb *>(t);
 }
 
-STATUS taskInfoGet(int tid, TASK_DESC *desc) {
+STATUS taskInfoGet(int tid, kt4TaskInfo *desc) {
     ListLock ll;
     tcb *t = lookup_self_or(tid);
     if (t == nullptr || !tcb_listed(t) || desc == nullptr) {
@@ -1012,18 +1016,18 @@ STATUS taskInfoGet(int tid, TASK_DESC *desc) {
         return ERROR;
     }
     std::memset(desc, 0, sizeof *desc);
-    desc->td_id = t->id;
-    desc->td_name = t->name;
-    desc->td_priority = t->priority;
-    desc->td_entry = t->entry;
+    desc->ti_id = t->id;
+    desc->ti_name = t->name;
+    desc->ti_priority = t->priority;
+    desc->ti_entry = t->entry;
     return OK;
 }
 
-int taskDeleteHookAdd(TASK_DELETE_HOOK hook) {
+int taskDeleteHookAdd(kt4TaskDeleteHook hook) {
     LockScope boost;
     ListLock ll;
     taskDeleteHookInit();
-    if (taskDeleteNumHooks >= kHookSlots - 1) return S_taskLib_TASK_HOOK_TABLE_FULL;
+    if (taskDeleteNumHooks >= kHookSlots - 1) return KT4_E_HOOK_TABLE_FULL;
     for (int i = kHookSlots - 2; i >= 1; --i)
         taskDeleteTable[i] = taskDeleteTable[i - 1];
     taskDeleteTable[0] = hook;
@@ -1031,7 +1035,7 @@ int taskDeleteHookAdd(TASK_DELETE_HOOK hook) {
     return 0;
 }
 
-int taskDeleteHookDelete(TASK_DELETE_HOOK hook) {
+int taskDeleteHookDelete(kt4TaskDeleteHook hook) {
     LockScope boost;
     ListLock ll;
     taskDeleteHookInit();
@@ -1044,7 +1048,7 @@ int taskDeleteHookDelete(TASK_DELETE_HOOK hook) {
         }
         return 0;
     }
-    return S_taskLib_TASK_HOOK_NOT_FOUND;
+    return KT4_E_HOOK_NOT_FOUND;
 }
 
 STATUS kernelTimeSlice(int ticks) {

@@ -48,15 +48,15 @@ constexpr uint32_t kStCreated = 0x80;
 constexpr uint32_t kStNotReady = 0x8F; // 0x08 counts as not ready though nothing sets it
 
 // errno codes.
-constexpr int kErrIdError = S_objLib_OBJ_ID_ERROR;
-constexpr int kErrUnavailable = S_objLib_OBJ_UNAVAILABLE;
-constexpr int kErrDeleted = S_objLib_OBJ_DELETED;
-constexpr int kErrTimeout = S_objLib_OBJ_TIMEOUT;
-constexpr int kErrIllegalPriority = S_taskLib_ILLEGAL_PRIORITY;
-constexpr int kErrNoMemory = S_memLib_NOT_ENOUGH_MEMORY;
-constexpr int kErrSemInvalid = S_semLib_INVALID_OPERATION;
-constexpr int kErrMsgLength = S_msgQLib_INVALID_MSG_LENGTH;
-constexpr int kErrNoTcbMemory = S_smObjLib_NO_TCB_MEMORY;
+constexpr int kErrIdError = KT4_E_OBJ_ID;
+constexpr int kErrUnavailable = KT4_E_OBJ_UNAVAILABLE;
+constexpr int kErrDeleted = KT4_E_OBJ_DELETED;
+constexpr int kErrTimeout = KT4_E_OBJ_TIMEOUT;
+constexpr int kErrIllegalPriority = KT4_E_ILLEGAL_PRIORITY;
+constexpr int kErrNoMemory = KT4_E_NO_MEMORY;
+constexpr int kErrSemInvalid = KT4_E_INVALID_OPERATION;
+constexpr int kErrMsgLength = KT4_E_INVALID_MSG_LENGTH;
+constexpr int kErrNoTcbMemory = KT4_E_NO_TCB_MEMORY;
 
 // Kernel-convention POSIX priorities (0..255 before scaling onto the host's range).
 constexpr int kMaxPriority = 255; // taskLock's boost
@@ -70,7 +70,7 @@ struct tcb {
     pthread_t pthrid;         // 0 before activation and while a restart is pending
     pthread_attr_t attr;      // policy and priority of every creation of the thread
     sched_param prv_priority; // normal priority, kernel-convention POSIX scale 0..255
-    FUNCPTR entry;            //
+    kt4TaskEntry entry;            //
     be<uintptr_t> args[10];   // entry arguments as given
     be32 static_tcb;          // 1: storage belongs to the taskInit caller
     be32 options;             // stored only
@@ -103,8 +103,8 @@ inline void set_dying(tcb *t, uint32_t v) {
     __atomic_store_n(&t->dying, v, __ATOMIC_RELEASE);
 }
 
-static_assert(sizeof(tcb) <= sizeof(WIND_TCB), "WIND_TCB must hold a task control block");
-static_assert(alignof(tcb) <= alignof(WIND_TCB), "WIND_TCB must be aligned for a TCB");
+static_assert(sizeof(tcb) <= sizeof(kt4Tcb), "kt4Tcb must hold a task control block");
+static_assert(alignof(tcb) <= alignof(kt4Tcb), "kt4Tcb must be aligned for a TCB");
 
 extern pthread_mutex_t task_list_lock;
 // Broadcast (with task_list_lock) when a TCB leaves task_list, a pin is dropped or a restart ends.
@@ -173,7 +173,7 @@ class Pin {
 // and attributes; attr_text is the report text of the attribute call.
 void set_posix_priority(tcb *t, int prio255, const char *attr_text);
 // Remembers the watchdog of the latest self-restart.
-void restart_wdog_set(WDOG_ID wd);
+void restart_wdog_set(kt4WdogId wd);
 
 // The calling thread's TCB, or null in a thread that is not a task.
 tcb *my_tcb();

@@ -12,7 +12,7 @@ using namespace kt4::vx;
 struct wdog {
     pthread_mutex_t wdog_lock;
     kt4::bes32 remaining; // ticks left, 0 = not running
-    VOIDFUNCPTR routine;
+    kt4WdRoutine routine;
     kt4::be<uintptr_t> parameter;
     wdog *next;
 };
@@ -56,7 +56,7 @@ bool validate(wdog *wd, ObjLock &lk) {
 
 extern "C" {
 
-WDOG_ID wdCreate(void) {
+kt4WdogId wdCreate(void) {
     auto *wd = static_cast<wdog *>(ts_malloc(sizeof(wdog)));
     if (wd == nullptr) return nullptr;
     std::memset(static_cast<void *>(wd), 0, sizeof *wd);
@@ -74,7 +74,7 @@ WDOG_ID wdCreate(void) {
     return wd;
 }
 
-STATUS wdStart(WDOG_ID wd, int delay, VOIDFUNCPTR routine, kt4_arg_t parameter) {
+STATUS wdStart(kt4WdogId wd, int delay, kt4WdRoutine routine, kt4_arg_t parameter) {
     if (wd == nullptr) {
         errno = kErrIdError;
         return ERROR;
@@ -93,7 +93,7 @@ STATUS wdStart(WDOG_ID wd, int delay, VOIDFUNCPTR routine, kt4_arg_t parameter) 
     return OK;
 }
 
-STATUS wdCancel(WDOG_ID wd) {
+STATUS wdCancel(kt4WdogId wd) {
     if (wd == nullptr) {
         errno = kErrIdError;
         return ERROR;
@@ -107,7 +107,7 @@ STATUS wdCancel(WDOG_ID wd) {
     return OK;
 }
 
-STATUS wdDelete(WDOG_ID wd) {
+STATUS wdDelete(kt4WdogId wd) {
     if (wd == nullptr) {
         errno = kErrIdError;
         return ERROR;
@@ -151,7 +151,7 @@ void process_timer_list(void) {
         if (wd->remaining >= 1) {
             wd->remaining -= 1;
             if (wd->remaining == 0 && wd->routine != nullptr) {
-                VOIDFUNCPTR routine = wd->routine;
+                kt4WdRoutine routine = wd->routine;
                 kt4_arg_t parameter = wd->parameter;
                 lk.unlock();
                 routine(parameter);

@@ -133,7 +133,7 @@ const char *kt4CodeToText(const kt4CodeText *table, int code);
  * or the errno of the failed spawn, fork or exec.
  */
 int kt4TaskCreate(const char *name, int service, int instance, int how, int priority, int options,
-                  int stackSize, FUNCPTR entry, kt4_arg_t arg, const char *program,
+                  int stackSize, kt4TaskEntry entry, kt4_arg_t arg, const char *program,
                   const char *args);
 
 /*
@@ -143,10 +143,10 @@ int kt4TaskCreate(const char *name, int service, int instance, int how, int prio
  * found is reported and asserted; the task is spawned all the same. Returns the task id, or -1
  * (errno EEXIST) when the service and instance are in use by another task.
  */
-int kt4_taskSpawn(const char *name, int priority, int options, int stackSize, FUNCPTR entry,
+int kt4_taskSpawn(const char *name, int priority, int options, int stackSize, kt4TaskEntry entry,
                   int service, int instance, kt4_arg_t arg);
 /* The same with the parent process named: parentPid 0 spawns without waiting for a parent. */
-int kt4_taskSpawnP(const char *name, int priority, int options, int stackSize, FUNCPTR entry,
+int kt4_taskSpawnP(const char *name, int priority, int options, int stackSize, kt4TaskEntry entry,
                    int service, int instance, kt4_arg_t arg, int parentPid);
 
 /* Options of kt4TaskStartup */

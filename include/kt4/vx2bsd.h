@@ -27,46 +27,46 @@ KT4_BEGIN_DECLS
 typedef uintptr_t kt4_arg_t;
 
 /* errno codes of the layer */
-#define S_objLib_OBJ_ID_ERROR 0x3d0001
-#define S_objLib_OBJ_UNAVAILABLE 0x3d0002
-#define S_objLib_OBJ_DELETED 0x3d0003
-#define S_objLib_OBJ_TIMEOUT 0x3d0004
-#define S_taskLib_ILLEGAL_PRIORITY 0x30065
-#define S_taskLib_TASK_HOOK_NOT_FOUND 0x30066
-#define S_taskLib_TASK_HOOK_TABLE_FULL 0x30067
-#define S_memLib_NOT_ENOUGH_MEMORY 0x110001
-#define S_semLib_INVALID_OPERATION 0x160068
-#define S_msgQLib_INVALID_MSG_LENGTH 0x410001
-#define S_smObjLib_NO_TCB_MEMORY 0x580001
+#define KT4_E_OBJ_ID 0x3d0001
+#define KT4_E_OBJ_UNAVAILABLE 0x3d0002
+#define KT4_E_OBJ_DELETED 0x3d0003
+#define KT4_E_OBJ_TIMEOUT 0x3d0004
+#define KT4_E_ILLEGAL_PRIORITY 0x30065
+#define KT4_E_HOOK_NOT_FOUND 0x30066
+#define KT4_E_HOOK_TABLE_FULL 0x30067
+#define KT4_E_NO_MEMORY 0x110001
+#define KT4_E_INVALID_OPERATION 0x160068
+#define KT4_E_INVALID_MSG_LENGTH 0x410001
+#define KT4_E_NO_TCB_MEMORY 0x580001
 
 /* ---- Tasks ---- */
 
-typedef int (*FUNCPTR)(kt4_arg_t, kt4_arg_t, kt4_arg_t, kt4_arg_t, kt4_arg_t, kt4_arg_t, kt4_arg_t,
+typedef int (*kt4TaskEntry)(kt4_arg_t, kt4_arg_t, kt4_arg_t, kt4_arg_t, kt4_arg_t, kt4_arg_t, kt4_arg_t,
                        kt4_arg_t, kt4_arg_t, kt4_arg_t);
-typedef void (*VOIDFUNCPTR)(kt4_arg_t);
+typedef void (*kt4WdRoutine)(kt4_arg_t);
 
 /*
  * Task control block storage. The layout is private to the library; a caller of taskInit
  * supplies one of these (static or its own allocation) and keeps it alive until the task
  * is deleted.
  */
-typedef struct WIND_TCB {
+typedef struct kt4Tcb {
     uint64_t opaque[128];
-} WIND_TCB;
+} kt4Tcb;
 
 /* Delete hooks are called with the TCB and the task's name. */
-typedef void (*TASK_DELETE_HOOK)(WIND_TCB *tcb, const char *name);
+typedef void (*kt4TaskDeleteHook)(kt4Tcb *tcb, const char *name);
 
-typedef struct TASK_DESC {
-    int td_id;
-    char *td_name;
-    int td_priority;
-    FUNCPTR td_entry;
-    int td_status;
-    int td_options;
-    size_t td_stackSize;
-    uint32_t td_spare[8];
-} TASK_DESC;
+typedef struct kt4TaskInfo {
+    int ti_id;
+    char *ti_name;
+    int ti_priority;
+    kt4TaskEntry ti_entry;
+    int ti_status;
+    int ti_options;
+    size_t ti_stackSize;
+    uint32_t ti_spare[8];
+} kt4TaskInfo;
 
 /*
  * Start-up. kt4VxToBsdInit is called once by a control process before it uses the layer (later
@@ -86,12 +86,12 @@ int kt4livecore(void);
  * taskActivate and the other calls take; taskSpawn hands out small ids from 1.
  */
 
-STATUS taskInit(WIND_TCB *tcb, const char *name, int priority, int options, char *stackBase,
-                int stackSize, FUNCPTR entry, kt4_arg_t a1, kt4_arg_t a2, kt4_arg_t a3,
+STATUS taskInit(kt4Tcb *tcb, const char *name, int priority, int options, char *stackBase,
+                int stackSize, kt4TaskEntry entry, kt4_arg_t a1, kt4_arg_t a2, kt4_arg_t a3,
                 kt4_arg_t a4, kt4_arg_t a5, kt4_arg_t a6, kt4_arg_t a7, kt4_arg_t a8, kt4_arg_t a9,
                 kt4_arg_t a10);
 STATUS taskActivate(int tid);
-int taskSpawn(const char *name, int priority, int options, int stackSize, FUNCPTR entry,
+int taskSpawn(const char *name, int priority, int options, int stackSize, kt4TaskEntry entry,
               kt4_arg_t a1, kt4_arg_t a2, kt4_arg_t a3, kt4_arg_t a4, kt4_arg_t a5, kt4_arg_t a6,
               kt4_arg_t a7, kt4_arg_t a8, kt4_arg_t a9, kt4_arg_t a10);
 STATUS taskDelete(int tid);
@@ -113,10 +113,10 @@ STATUS taskIdVerify(int tid);
 int taskIdListGet(int idList[], int maxTasks);
 BOOL taskIsReady(int tid);
 BOOL taskIsSuspended(int tid);
-WIND_TCB *taskTcb(int tid);
-STATUS taskInfoGet(int tid, TASK_DESC *desc);
-int taskDeleteHookAdd(TASK_DELETE_HOOK hook);
-int taskDeleteHookDelete(TASK_DELETE_HOOK hook);
+kt4Tcb *taskTcb(int tid);
+STATUS taskInfoGet(int tid, kt4TaskInfo *desc);
+int taskDeleteHookAdd(kt4TaskDeleteHook hook);
+int taskDeleteHookDelete(kt4TaskDeleteHook hook);
 STATUS kernelTimeSlice(int ticks);
 void enableRoundRobin(void);
 void disableRoundRobin(void);
@@ -124,46 +124,46 @@ int roundRobinIsEnabled(void);
 
 /* ---- Semaphores ---- */
 
-typedef uint32_t SEM_ID; /* a number: entry index + generation x 2304; 0 is no semaphore */
+typedef uint32_t kt4SemId; /* a number: entry index + generation x 2304; 0 is no semaphore */
 
-#define SEM_Q_FIFO 0x00
-#define SEM_Q_PRIORITY 0x01
-#define SEM_DELETE_SAFE 0x04
-#define SEM_INVERSION_SAFE 0x08
-#define SEM_EMPTY 0
-#define SEM_FULL 1
+#define KT4_SEM_Q_FIFO 0x00
+#define KT4_SEM_Q_PRIORITY 0x01
+#define KT4_SEM_DELETE_SAFE 0x04
+#define KT4_SEM_INVERSION_SAFE 0x08
+#define KT4_SEM_EMPTY 0
+#define KT4_SEM_FULL 1
 
-SEM_ID semBCreate(int options, int initialState);
-SEM_ID semCCreate(int options, int initialCount);
-SEM_ID semMCreate(int options);
-STATUS semTake(SEM_ID semId, int timeout);
-STATUS semGive(SEM_ID semId);
-STATUS semFlush(SEM_ID semId);
-STATUS semDelete(SEM_ID semId);
+kt4SemId semBCreate(int options, int initialState);
+kt4SemId semCCreate(int options, int initialCount);
+kt4SemId semMCreate(int options);
+STATUS semTake(kt4SemId semId, int timeout);
+STATUS semGive(kt4SemId semId);
+STATUS semFlush(kt4SemId semId);
+STATUS semDelete(kt4SemId semId);
 
 /* ---- Message queues ---- */
 
-typedef struct msg_queue *MSG_Q_ID;
+typedef struct msg_queue *kt4MsgQId;
 
-#define MSG_Q_FIFO 0x00
-#define MSG_Q_PRIORITY 0x01
-#define MSG_PRI_NORMAL 0
-#define MSG_PRI_URGENT 1
+#define KT4_MSGQ_FIFO 0x00
+#define KT4_MSGQ_PRIORITY 0x01
+#define KT4_MSG_PRI_NORMAL 0
+#define KT4_MSG_PRI_URGENT 1
 
-MSG_Q_ID msgQCreate(int maxMsgs, int maxMsgLength, int options);
-STATUS msgQSend(MSG_Q_ID msgQId, const char *buffer, unsigned nBytes, int timeout, int priority);
-int msgQReceive(MSG_Q_ID msgQId, char *buffer, unsigned maxNBytes, int timeout);
-int msgQNumMsgs(MSG_Q_ID msgQId);
-STATUS msgQDelete(MSG_Q_ID msgQId);
+kt4MsgQId msgQCreate(int maxMsgs, int maxMsgLength, int options);
+STATUS msgQSend(kt4MsgQId msgQId, const char *buffer, unsigned nBytes, int timeout, int priority);
+int msgQReceive(kt4MsgQId msgQId, char *buffer, unsigned maxNBytes, int timeout);
+int msgQNumMsgs(kt4MsgQId msgQId);
+STATUS msgQDelete(kt4MsgQId msgQId);
 
 /* ---- Watchdogs (counted down every tick by tExcTask) ---- */
 
-typedef struct wdog *WDOG_ID;
+typedef struct wdog *kt4WdogId;
 
-WDOG_ID wdCreate(void);
-STATUS wdStart(WDOG_ID wdId, int delay, VOIDFUNCPTR routine, kt4_arg_t parameter);
-STATUS wdCancel(WDOG_ID wdId);
-STATUS wdDelete(WDOG_ID wdId);
+kt4WdogId wdCreate(void);
+STATUS wdStart(kt4WdogId wdId, int delay, kt4WdRoutine routine, kt4_arg_t parameter);
+STATUS wdCancel(kt4WdogId wdId);
+STATUS wdDelete(kt4WdogId wdId);
 void process_timer_list(void);
 
 /* ---- Second-granular timers (counted down every second by tTimerTask) ---- */
@@ -184,7 +184,7 @@ STATUS vx2bsdTimerDelete(VX2BSD_TIMER_ID timer);
 void process_vx2bsd_timer_list(void);
 
 /* ---- Task manager exit hook (registered at start-up) ---- */
-void kt4TaskExit(WIND_TCB *tcb, const char *name);
+void kt4TaskExit(kt4Tcb *tcb, const char *name);
 
 KT4_END_DECLS
 

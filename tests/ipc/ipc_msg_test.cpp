@@ -86,6 +86,10 @@ TEST_F(IpcPair, BadArgumentsOnEverySendPath) {
     EXPECT_EQ(EBADF, errno);
     EXPECT_EQ(-1, kt4IpcSendWait(keyA, m.data(), 80, -1, 1, 1));
     EXPECT_EQ(EINVAL, errno);
+    // The timeout is judged only after the request went out.
+    std::vector<unsigned char> in(512);
+    EXPECT_EQ(80, kt4IpcRecv(keyB | 1, in.data(), 512, 1, 0, 0));
+    EXPECT_EQ(KT4_IPC_CMD_REQ, kt4IpcHdrGet(in.data(), KT4_IPC_HDR_CMD_TYPE));
     // A message shorter than its header is refused before anything is written.
     EXPECT_EQ(-1, kt4IpcNonGuaranteedSend(keyA, m.data(), 59));
     EXPECT_EQ(EINVAL, errno);

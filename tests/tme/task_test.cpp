@@ -26,10 +26,10 @@ class Parent : public ::testing::Test {
 
 // A task created for a test: says what it saw, then waits (deletable) until released.
 struct Worker {
-    Worker() : release(semBCreate(SEM_Q_FIFO, SEM_EMPTY)) {}
+    Worker() : release(semBCreate(KT4_SEM_Q_FIFO, KT4_SEM_EMPTY)) {}
     ~Worker() { semDelete(release); }
     std::promise<void> started;
-    SEM_ID release;
+    kt4SemId release;
     int keyArg = 0;
     int myKey = 0;
     int startup = 0;

@@ -9,9 +9,9 @@
 #include <stdio.h>
 #include <string.h>
 
-static MSG_Q_ID queue;
-static SEM_ID guard;
-static SEM_ID done;
+static kt4MsgQId queue;
+static kt4SemId guard;
+static kt4SemId done;
 static int total; /* under guard */
 static atomic_int watchdog_fired;
 
@@ -51,21 +51,21 @@ static void on_watchdog(kt4_arg_t p) {
 
 int main(void) {
     CHECK(kt4VxToBsdInit(1, 1) == 0);
-    queue = msgQCreate(4, sizeof(int), MSG_Q_FIFO);
-    guard = semMCreate(SEM_Q_PRIORITY | SEM_INVERSION_SAFE);
-    done = semBCreate(SEM_Q_FIFO, SEM_EMPTY);
+    queue = msgQCreate(4, sizeof(int), KT4_MSGQ_FIFO);
+    guard = semMCreate(KT4_SEM_Q_PRIORITY | KT4_SEM_INVERSION_SAFE);
+    done = semBCreate(KT4_SEM_Q_FIFO, KT4_SEM_EMPTY);
     CHECK(queue != NULL && guard != 0 && done != 0);
     int tid = taskSpawn("tCWorker", 100, 0, 0, worker, 10, 0, 0, 0, 0, 0, 0, 0, 0, 0);
     CHECK(tid > 0);
     CHECK(strcmp(taskName(tid), "tCWorker") == 0);
     for (int i = 1; i <= 10; ++i)
-        CHECK(msgQSend(queue, (const char *)&i, sizeof i, WAIT_FOREVER, MSG_PRI_NORMAL) == OK);
+        CHECK(msgQSend(queue, (const char *)&i, sizeof i, WAIT_FOREVER, KT4_MSG_PRI_NORMAL) == OK);
     CHECK(semTake(done, 5 * sysClkRateGet()) == OK);
     CHECK(semTake(guard, WAIT_FOREVER) == OK);
     CHECK(total == 55);
     CHECK(semGive(guard) == OK);
 
-    WDOG_ID wd = wdCreate();
+    kt4WdogId wd = wdCreate();
     CHECK(wd != NULL);
     CHECK(wdStart(wd, 100, on_watchdog, 7) == OK);
     for (int i = 0; i < 50 && atomic_load(&watchdog_fired) == 0; ++i)
@@ -73,7 +73,7 @@ int main(void) {
     CHECK(atomic_load(&watchdog_fired) == 7);
     CHECK(wdDelete(wd) == OK);
 
-    CHECK(semTake(done, NO_WAIT) == ERROR && errno == S_objLib_OBJ_UNAVAILABLE);
+    CHECK(semTake(done, NO_WAIT) == ERROR && errno == KT4_E_OBJ_UNAVAILABLE);
     for (int i = 0; i < 50 && taskIdVerify(tid) == OK; ++i)
         taskDelay(1);
     CHECK(taskIdVerify(tid) == ERROR);

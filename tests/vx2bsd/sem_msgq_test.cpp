@@ -19,16 +19,16 @@ using Semaphores = VxTest;
 using Queues = VxTest;
 
 TEST_F(Semaphores, NoWaitTimeoutAndInvalidIds) {
-    SEM_ID b = semBCreate(SEM_Q_FIFO, SEM_EMPTY);
+    kt4SemId b = semBCreate(KT4_SEM_Q_FIFO, KT4_SEM_EMPTY);
     ASSERT_NE(0u, b);
     errno = 0;
     EXPECT_EQ(ERROR, semTake(b, NO_WAIT));
-    EXPECT_EQ(S_objLib_OBJ_UNAVAILABLE, errno);
+    EXPECT_EQ(KT4_E_OBJ_UNAVAILABLE, errno);
     auto t0 = Clock::now();
     errno = 0;
     EXPECT_EQ(ERROR, semTake(b, 5));
     long waited = ms_since(t0);
-    EXPECT_EQ(S_objLib_OBJ_TIMEOUT, errno);
+    EXPECT_EQ(KT4_E_OBJ_TIMEOUT, errno);
     EXPECT_GE(waited, 90);
     EXPECT_LT(waited, 1000);
 
@@ -39,31 +39,31 @@ TEST_F(Semaphores, NoWaitTimeoutAndInvalidIds) {
     EXPECT_EQ(OK, semTake(b, NO_WAIT));
     EXPECT_EQ(ERROR, semTake(b, NO_WAIT));
 
-    SEM_ID c = semCCreate(SEM_Q_PRIORITY, 3);
+    kt4SemId c = semCCreate(KT4_SEM_Q_PRIORITY, 3);
     for (int i = 0; i < 3; ++i)
         EXPECT_EQ(OK, semTake(c, NO_WAIT));
     EXPECT_EQ(ERROR, semTake(c, NO_WAIT));
 
     EXPECT_EQ(OK, semDelete(b));
     EXPECT_EQ(OK, semDelete(c));
-    for (SEM_ID bad : {b, c, SEM_ID{0}, SEM_ID{12345}}) {
+    for (kt4SemId bad : {b, c, kt4SemId{0}, kt4SemId{12345}}) {
         errno = 0;
         EXPECT_EQ(ERROR, semTake(bad, NO_WAIT));
-        EXPECT_EQ(S_objLib_OBJ_ID_ERROR, errno);
+        EXPECT_EQ(KT4_E_OBJ_ID, errno);
         errno = 0;
         EXPECT_EQ(ERROR, semGive(bad));
-        EXPECT_EQ(S_objLib_OBJ_ID_ERROR, errno);
+        EXPECT_EQ(KT4_E_OBJ_ID, errno);
     }
 }
 
 TEST_F(Semaphores, StaleIdFailsAfterItsEntryIsReused) {
-    SEM_ID old_id = semBCreate(SEM_Q_FIFO, SEM_FULL);
+    kt4SemId old_id = semBCreate(KT4_SEM_Q_FIFO, KT4_SEM_FULL);
     ASSERT_EQ(OK, semDelete(old_id));
     // The search for a free entry moves on from the last one taken: a full round of the
     // 2304-entry table brings it back to the old entry with the next generation.
-    SEM_ID reused = 0;
+    kt4SemId reused = 0;
     for (int i = 0; i < 2304 && reused == 0; ++i) {
-        SEM_ID s = semCCreate(SEM_Q_FIFO, 0);
+        kt4SemId s = semCCreate(KT4_SEM_Q_FIFO, 0);
         ASSERT_NE(0u, s);
         if (s % 2304 == old_id % 2304)
             reused = s;
@@ -75,7 +75,7 @@ TEST_F(Semaphores, StaleIdFailsAfterItsEntryIsReused) {
     for (auto op : {semGive, semFlush, semDelete}) {
         errno = 0;
         EXPECT_EQ(ERROR, op(old_id));
-        EXPECT_EQ(S_objLib_OBJ_ID_ERROR, errno);
+        EXPECT_EQ(KT4_E_OBJ_ID, errno);
     }
     EXPECT_EQ(OK, semGive(reused)); // the new one is untouched
     EXPECT_EQ(OK, semTake(reused, NO_WAIT));
@@ -83,7 +83,7 @@ TEST_F(Semaphores, StaleIdFailsAfterItsEntryIsReused) {
 }
 
 TEST_F(Semaphores, MutexRecursionOwnershipAndDeleteSafety) {
-    SEM_ID m = semMCreate(SEM_Q_FIFO | SEM_DELETE_SAFE);
+    kt4SemId m = semMCreate(KT4_SEM_Q_FIFO | KT4_SEM_DELETE_SAFE);
     for (int i = 0; i < 3; ++i)
         ASSERT_EQ(OK, semTake(m, NO_WAIT));
     std::atomic<int> give_errno{0}, take_rc{1};
@@ -93,7 +93,7 @@ TEST_F(Semaphores, MutexRecursionOwnershipAndDeleteSafety) {
         semGive(m);
     });
     ASSERT_TRUE(eventually([&] { return pended(other); }));
-    EXPECT_EQ(S_semLib_INVALID_OPERATION, give_errno.load());
+    EXPECT_EQ(KT4_E_INVALID_OPERATION, give_errno.load());
     EXPECT_EQ(OK, semGive(m));
     EXPECT_EQ(OK, semGive(m));
     std::this_thread::sleep_for(std::chrono::milliseconds(30));
@@ -103,11 +103,11 @@ TEST_F(Semaphores, MutexRecursionOwnershipAndDeleteSafety) {
     EXPECT_EQ(OK, take_rc.load());
     errno = 0;
     EXPECT_EQ(ERROR, semFlush(m));
-    EXPECT_EQ(S_semLib_INVALID_OPERATION, errno);
+    EXPECT_EQ(KT4_E_INVALID_OPERATION, errno);
 
     // Delete safety: a task holding the semaphore is deleted only once it gives it.
     Steps steps;
-    SEM_ID go = semBCreate(SEM_Q_FIFO, SEM_EMPTY);
+    kt4SemId go = semBCreate(KT4_SEM_Q_FIFO, KT4_SEM_EMPTY);
     int holder = spawn("tHolder", 100, [&] {
         semTake(m, WAIT_FOREVER);
         semTake(go, WAIT_FOREVER);
@@ -131,7 +131,7 @@ TEST_F(Semaphores, MutexRecursionOwnershipAndDeleteSafety) {
 
 TEST_F(Semaphores, FifoWaitersTakeTokensInArrivalOrder) {
     Steps steps;
-    SEM_ID s = semBCreate(SEM_Q_FIFO, SEM_EMPTY);
+    kt4SemId s = semBCreate(KT4_SEM_Q_FIFO, KT4_SEM_EMPTY);
     std::vector<int> ids;
     for (const char *name : {"tW1", "tW2", "tW3"}) {
         int id = spawn(name, 100, [&steps, s, name] {
@@ -176,7 +176,7 @@ struct Waiters {
     }
 };
 
-void start_waiters(Waiters &w, SEM_ID s, int n) {
+void start_waiters(Waiters &w, kt4SemId s, int n) {
     for (int i = 0; i < n; ++i) {
         int id = spawn(nullptr, 100, [&w, s] {
             STATUS rc = semTake(s, WAIT_FOREVER);
@@ -189,7 +189,7 @@ void start_waiters(Waiters &w, SEM_ID s, int n) {
 }
 
 TEST_F(Semaphores, FlushReleasesEveryWaiterBeforeItReturns) {
-    SEM_ID s = semBCreate(SEM_Q_FIFO, SEM_EMPTY);
+    kt4SemId s = semBCreate(KT4_SEM_Q_FIFO, KT4_SEM_EMPTY);
     Waiters w;
     start_waiters(w, s, 3);
     ASSERT_EQ(OK, semFlush(s));
@@ -199,7 +199,7 @@ TEST_F(Semaphores, FlushReleasesEveryWaiterBeforeItReturns) {
     EXPECT_EQ((std::vector<std::string>{"OK", "OK", "OK"}), w.results.get());
     errno = 0;
     EXPECT_EQ(ERROR, semTake(s, NO_WAIT)); // the count stayed 0
-    EXPECT_EQ(S_objLib_OBJ_UNAVAILABLE, errno);
+    EXPECT_EQ(KT4_E_OBJ_UNAVAILABLE, errno);
     EXPECT_EQ(OK, semFlush(s)); // nobody waiting
     w.let_go();
     EXPECT_TRUE(eventually([&] { return task_count() == kServiceTasks; }));
@@ -207,40 +207,40 @@ TEST_F(Semaphores, FlushReleasesEveryWaiterBeforeItReturns) {
 }
 
 TEST_F(Semaphores, DeleteReleasesEveryWaiterWithAnError) {
-    SEM_ID s = semCCreate(SEM_Q_PRIORITY, 0);
+    kt4SemId s = semCCreate(KT4_SEM_Q_PRIORITY, 0);
     Waiters w;
     start_waiters(w, s, 3);
     ASSERT_EQ(OK, semDelete(s));
     for (int id : w.ids)
         EXPECT_TRUE(taskIsReady(id)) << id;
     ASSERT_TRUE(w.results.wait_size(3));
-    std::string code = "ERROR " + std::to_string(S_objLib_OBJ_ID_ERROR);
+    std::string code = "ERROR " + std::to_string(KT4_E_OBJ_ID);
     EXPECT_EQ((std::vector<std::string>{code, code, code}), w.results.get());
     w.let_go();
     EXPECT_TRUE(eventually([&] { return task_count() == kServiceTasks; }));
 }
 
-std::string recv_str(MSG_Q_ID q, int timeout = NO_WAIT) {
+std::string recv_str(kt4MsgQId q, int timeout = NO_WAIT) {
     char buf[16];
     int n = msgQReceive(q, buf, sizeof buf, timeout);
     return n < 0 ? "ERROR" : std::string(buf, static_cast<size_t>(n));
 }
 
-STATUS send_str(MSG_Q_ID q, const std::string &s, int timeout = NO_WAIT, int pri = MSG_PRI_NORMAL) {
+STATUS send_str(kt4MsgQId q, const std::string &s, int timeout = NO_WAIT, int pri = KT4_MSG_PRI_NORMAL) {
     return msgQSend(q, s.data(), static_cast<unsigned>(s.size()), timeout, pri);
 }
 
 TEST_F(Queues, UrgentMessagesGoInFrontOfAllOthers) {
-    MSG_Q_ID q = msgQCreate(5, 16, MSG_Q_FIFO);
+    kt4MsgQId q = msgQCreate(5, 16, KT4_MSGQ_FIFO);
     ASSERT_NE(nullptr, q);
     for (const char *m : {"n1", "n2", "n3"})
         ASSERT_EQ(OK, send_str(q, m));
-    ASSERT_EQ(OK, send_str(q, "u1", NO_WAIT, MSG_PRI_URGENT));
-    ASSERT_EQ(OK, send_str(q, "u2", NO_WAIT, MSG_PRI_URGENT));
+    ASSERT_EQ(OK, send_str(q, "u1", NO_WAIT, KT4_MSG_PRI_URGENT));
+    ASSERT_EQ(OK, send_str(q, "u2", NO_WAIT, KT4_MSG_PRI_URGENT));
     EXPECT_EQ(5, msgQNumMsgs(q));
     errno = 0;
     EXPECT_EQ(ERROR, send_str(q, "full"));
-    EXPECT_EQ(S_objLib_OBJ_UNAVAILABLE, errno);
+    EXPECT_EQ(KT4_E_OBJ_UNAVAILABLE, errno);
     std::vector<std::string> got;
     for (int i = 0; i < 5; ++i)
         got.push_back(recv_str(q));
@@ -248,7 +248,7 @@ TEST_F(Queues, UrgentMessagesGoInFrontOfAllOthers) {
     // The ring wraps in both directions.
     for (int round = 0; round < 7; ++round) {
         ASSERT_EQ(OK, send_str(q, "a" + std::to_string(round)));
-        ASSERT_EQ(OK, send_str(q, "b" + std::to_string(round), NO_WAIT, MSG_PRI_URGENT));
+        ASSERT_EQ(OK, send_str(q, "b" + std::to_string(round), NO_WAIT, KT4_MSG_PRI_URGENT));
         EXPECT_EQ("b" + std::to_string(round), recv_str(q));
         EXPECT_EQ("a" + std::to_string(round), recv_str(q));
     }
@@ -256,49 +256,49 @@ TEST_F(Queues, UrgentMessagesGoInFrontOfAllOthers) {
 }
 
 TEST_F(Queues, LengthChecksTimeoutsAndInvalidIds) {
-    MSG_Q_ID q = msgQCreate(2, 8, MSG_Q_FIFO);
+    kt4MsgQId q = msgQCreate(2, 8, KT4_MSGQ_FIFO);
     char buf[8];
     errno = 0;
-    EXPECT_EQ(ERROR, msgQSend(q, "123456789", 9, NO_WAIT, MSG_PRI_NORMAL));
-    EXPECT_EQ(S_msgQLib_INVALID_MSG_LENGTH, errno);
+    EXPECT_EQ(ERROR, msgQSend(q, "123456789", 9, NO_WAIT, KT4_MSG_PRI_NORMAL));
+    EXPECT_EQ(KT4_E_INVALID_MSG_LENGTH, errno);
     ASSERT_EQ(OK, send_str(q, "hi"));
     errno = 0;
     EXPECT_EQ(ERROR, msgQReceive(q, buf, 7, NO_WAIT)); // one byte short of the largest message
-    EXPECT_EQ(S_msgQLib_INVALID_MSG_LENGTH, errno);
+    EXPECT_EQ(KT4_E_INVALID_MSG_LENGTH, errno);
     EXPECT_EQ(0, msgQReceive(q, nullptr, 8, NO_WAIT)); // discarded
     EXPECT_EQ(0, msgQNumMsgs(q));
     buf[0] = 'x';
     errno = 0;
     EXPECT_EQ(ERROR, msgQReceive(q, buf, sizeof buf, NO_WAIT));
-    EXPECT_EQ(S_objLib_OBJ_UNAVAILABLE, errno);
+    EXPECT_EQ(KT4_E_OBJ_UNAVAILABLE, errno);
     EXPECT_EQ(0, buf[0]);
     auto t0 = Clock::now();
     errno = 0;
     EXPECT_EQ(ERROR, msgQReceive(q, buf, sizeof buf, 5));
-    EXPECT_EQ(S_objLib_OBJ_TIMEOUT, errno);
+    EXPECT_EQ(KT4_E_OBJ_TIMEOUT, errno);
     EXPECT_GE(ms_since(t0), 90);
     ASSERT_EQ(OK, send_str(q, "a"));
     ASSERT_EQ(OK, send_str(q, "b"));
     t0 = Clock::now();
     errno = 0;
     EXPECT_EQ(ERROR, send_str(q, "c", 5));
-    EXPECT_EQ(S_objLib_OBJ_TIMEOUT, errno);
+    EXPECT_EQ(KT4_E_OBJ_TIMEOUT, errno);
     EXPECT_GE(ms_since(t0), 90);
     EXPECT_EQ(OK, msgQDelete(q));
     errno = 0;
     EXPECT_EQ(ERROR, msgQNumMsgs(q));
-    EXPECT_EQ(S_objLib_OBJ_ID_ERROR, errno);
+    EXPECT_EQ(KT4_E_OBJ_ID, errno);
     errno = 0;
     EXPECT_EQ(ERROR, send_str(q, "x"));
-    EXPECT_EQ(S_objLib_OBJ_ID_ERROR, errno);
+    EXPECT_EQ(KT4_E_OBJ_ID, errno);
 }
 
 TEST_F(Queues, CapacityZeroHandsOverOnlyToAWaitingReceiver) {
-    MSG_Q_ID q = msgQCreate(0, 16, MSG_Q_FIFO);
+    kt4MsgQId q = msgQCreate(0, 16, KT4_MSGQ_FIFO);
     ASSERT_NE(nullptr, q);
     errno = 0;
     EXPECT_EQ(ERROR, send_str(q, "nobody"));
-    EXPECT_EQ(S_objLib_OBJ_UNAVAILABLE, errno);
+    EXPECT_EQ(KT4_E_OBJ_UNAVAILABLE, errno);
 
     // Receiver first: the send is taken into the spare slot at once.
     Steps steps;
@@ -324,7 +324,7 @@ TEST_F(Queues, CapacityZeroHandsOverOnlyToAWaitingReceiver) {
 }
 
 TEST_F(Queues, SendersWaitForSpaceInArrivalOrder) {
-    MSG_Q_ID q = msgQCreate(1, 16, MSG_Q_FIFO);
+    kt4MsgQId q = msgQCreate(1, 16, KT4_MSGQ_FIFO);
     ASSERT_EQ(OK, send_str(q, "m0"));
     std::vector<int> ids;
     for (const char *m : {"m1", "m2", "m3"}) {
@@ -341,8 +341,8 @@ TEST_F(Queues, SendersWaitForSpaceInArrivalOrder) {
 }
 
 TEST_F(Queues, DeleteReleasesReceiversAndSendersBeforeItReturns) {
-    MSG_Q_ID empty = msgQCreate(2, 8, MSG_Q_PRIORITY);
-    MSG_Q_ID full = msgQCreate(1, 8, MSG_Q_FIFO);
+    kt4MsgQId empty = msgQCreate(2, 8, KT4_MSGQ_PRIORITY);
+    kt4MsgQId full = msgQCreate(1, 8, KT4_MSGQ_FIFO);
     ASSERT_EQ(OK, send_str(full, "x"));
     Waiters w;
     for (int i = 0; i < 4; ++i) {
@@ -364,7 +364,7 @@ TEST_F(Queues, DeleteReleasesReceiversAndSendersBeforeItReturns) {
     for (int id : w.ids)
         EXPECT_TRUE(taskIsReady(id)) << id;
     ASSERT_TRUE(w.results.wait_size(4));
-    std::string del = std::to_string(S_objLib_OBJ_DELETED);
+    std::string del = std::to_string(KT4_E_OBJ_DELETED);
     auto r = w.results.get();
     std::sort(r.begin(), r.end());
     EXPECT_EQ((std::vector<std::string>{del, del, del + " cleared", del + " cleared"}), r);
@@ -378,9 +378,9 @@ TEST_F(Queues, NothingLeaksOverManyObjects) {
     if (!gKT4MCOn) GTEST_SKIP() << "needs KT4_MC_ON=1";
     size_t base = MCLiveCount();
     for (int round = 0; round < 20; ++round) {
-        MSG_Q_ID q = msgQCreate(4, 16, MSG_Q_FIFO);
-        SEM_ID s = semMCreate(SEM_Q_PRIORITY);
-        WDOG_ID wd = wdCreate();
+        kt4MsgQId q = msgQCreate(4, 16, KT4_MSGQ_FIFO);
+        kt4SemId s = semMCreate(KT4_SEM_Q_PRIORITY);
+        kt4WdogId wd = wdCreate();
         VX2BSD_TIMER_ID tm = vx2bsdTimerCreate();
         int t = spawn("tCycle", 100, [q] { send_str(q, "done", WAIT_FOREVER); });
         EXPECT_EQ("done", recv_str(q, 100));

@@ -15,7 +15,7 @@ namespace {
 using Tasks = VxTest;
 
 TEST_F(Tasks, IdsNamesAndQueries) {
-    SEM_ID hold = semBCreate(SEM_Q_FIFO, SEM_EMPTY);
+    kt4SemId hold = semBCreate(KT4_SEM_Q_FIFO, KT4_SEM_EMPTY);
     auto wait_hold = [hold] { semTake(hold, WAIT_FOREVER); };
     int a = spawn("tA", 100, wait_hold);
     int b = spawn("tB", 120, wait_hold);
@@ -38,27 +38,27 @@ TEST_F(Tasks, IdsNamesAndQueries) {
     EXPECT_EQ(120, prio);
     errno = 0;
     EXPECT_EQ(ERROR, taskPriorityGet(0, &prio)); // 0 is not the caller here
-    EXPECT_EQ(S_objLib_OBJ_ID_ERROR, errno);
+    EXPECT_EQ(KT4_E_OBJ_ID, errno);
     // Outside 0..255: stored all the same, and reported.
     errno = 0;
     EXPECT_EQ(ERROR, taskPrioritySet(b, 300));
-    EXPECT_EQ(S_taskLib_ILLEGAL_PRIORITY, errno);
+    EXPECT_EQ(KT4_E_ILLEGAL_PRIORITY, errno);
     EXPECT_EQ(OK, taskPriorityGet(b, &prio));
     EXPECT_EQ(300, prio);
     EXPECT_EQ(OK, taskPrioritySet(b, 90));
 
-    TASK_DESC desc;
+    kt4TaskInfo desc;
     ASSERT_EQ(OK, taskInfoGet(a, &desc));
-    EXPECT_EQ(a, desc.td_id);
-    EXPECT_STREQ("tA", desc.td_name);
-    EXPECT_EQ(100, desc.td_priority);
-    EXPECT_EQ(&run_fn, desc.td_entry);
-    EXPECT_EQ(0, desc.td_status);
+    EXPECT_EQ(a, desc.ti_id);
+    EXPECT_STREQ("tA", desc.ti_name);
+    EXPECT_EQ(100, desc.ti_priority);
+    EXPECT_EQ(&run_fn, desc.ti_entry);
+    EXPECT_EQ(0, desc.ti_status);
 
     int before = task_count();
     errno = 0;
     EXPECT_EQ(ERROR, spawn("tBad", 300, [] {}));
-    EXPECT_EQ(S_taskLib_ILLEGAL_PRIORITY, errno);
+    EXPECT_EQ(KT4_E_ILLEGAL_PRIORITY, errno);
     EXPECT_EQ(before, task_count());
     EXPECT_EQ(ERROR, taskNameToId("tBad"));
 
@@ -73,12 +73,12 @@ TEST_F(Tasks, IdsNamesAndQueries) {
         EXPECT_EQ(OK, taskDelete(id));
     errno = 0;
     EXPECT_EQ(ERROR, taskDelete(a));
-    EXPECT_EQ(S_objLib_OBJ_DELETED, errno);
+    EXPECT_EQ(KT4_E_OBJ_DELETED, errno);
     EXPECT_EQ(OK, semDelete(hold));
 }
 
 TEST_F(Tasks, TaskInitAndActivateWithCallerStorage) {
-    static WIND_TCB tcb;
+    static kt4Tcb tcb;
     static std::atomic<int> runs{0};
     auto entry = [](kt4_arg_t x, kt4_arg_t, kt4_arg_t, kt4_arg_t, kt4_arg_t, kt4_arg_t, kt4_arg_t,
                     kt4_arg_t, kt4_arg_t, kt4_arg_t y) -> int {
@@ -87,7 +87,7 @@ TEST_F(Tasks, TaskInitAndActivateWithCallerStorage) {
     };
     errno = 0;
     EXPECT_EQ(ERROR, taskInit(nullptr, "x", 1, 0, nullptr, 0, entry, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0));
-    EXPECT_EQ(S_objLib_OBJ_ID_ERROR, errno);
+    EXPECT_EQ(KT4_E_OBJ_ID, errno);
     ASSERT_EQ(OK,
               taskInit(&tcb, "tStatic", 100, 0, nullptr, 0, entry, 1, 0, 0, 0, 0, 0, 0, 0, 0, 2));
     int id = static_cast<int>(reinterpret_cast<uintptr_t>(&tcb));
@@ -100,18 +100,18 @@ TEST_F(Tasks, TaskInitAndActivateWithCallerStorage) {
     errno = 0;
     EXPECT_EQ(ERROR,
               taskInit(&tcb, "tStatic", 256, 0, nullptr, 0, entry, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0));
-    EXPECT_EQ(S_taskLib_ILLEGAL_PRIORITY, errno);
+    EXPECT_EQ(KT4_E_ILLEGAL_PRIORITY, errno);
     EXPECT_TRUE(gone(id));
     errno = 0;
     EXPECT_EQ(ERROR, taskActivate(id));
-    EXPECT_EQ(S_objLib_OBJ_ID_ERROR, errno);
+    EXPECT_EQ(KT4_E_OBJ_ID, errno);
 }
 
 Steps hook_steps;
-void hook_a(WIND_TCB *, const char *name) {
+void hook_a(kt4Tcb *, const char *name) {
     hook_steps.add(std::string("A:") + name);
 }
-void hook_b(WIND_TCB *tcb, const char *name) {
+void hook_b(kt4Tcb *tcb, const char *name) {
     // Runs in the thread that tears the task down: the dying task itself when it ended itself.
     bool own = taskTcb(0) == tcb;
     hook_steps.add(std::string("B:") + name + (own ? ":own-thread" : ":other-thread"));
@@ -132,16 +132,16 @@ TEST_F(Tasks, DeleteHooksRunNewestFirstWhenTheEntryReturns) {
 
     EXPECT_EQ(0, taskDeleteHookDelete(hook_a));
     EXPECT_EQ(0, taskDeleteHookDelete(hook_b));
-    EXPECT_EQ(S_taskLib_TASK_HOOK_NOT_FOUND, taskDeleteHookDelete(hook_b));
+    EXPECT_EQ(KT4_E_HOOK_NOT_FOUND, taskDeleteHookDelete(hook_b));
 }
 
-void nop_hook(WIND_TCB *, const char *) {}
+void nop_hook(kt4Tcb *, const char *) {}
 
 TEST_F(Tasks, HookTableHoldsSixtyThreeHooks) {
     int added = 0;
     while (taskDeleteHookAdd(nop_hook) == 0)
         ++added;
-    EXPECT_EQ(S_taskLib_TASK_HOOK_TABLE_FULL, taskDeleteHookAdd(nop_hook));
+    EXPECT_EQ(KT4_E_HOOK_TABLE_FULL, taskDeleteHookAdd(nop_hook));
     EXPECT_EQ(62, added); // the task manager's exit hook holds one slot
     int removed = 0;
     while (taskDeleteHookDelete(nop_hook) == 0)
@@ -159,7 +159,7 @@ TEST_F(Tasks, HookTableHoldsSixtyThreeHooks) {
 
 TEST_F(Tasks, DeletionWaitsForSafeTaskAndLastDeleterDeletes) {
     Steps steps;
-    SEM_ID go = semBCreate(SEM_Q_FIFO, SEM_EMPTY);
+    kt4SemId go = semBCreate(KT4_SEM_Q_FIFO, KT4_SEM_EMPTY);
     std::atomic<bool> safe{false};
     int target = spawn("tSafe", 100, [&] {
         taskSafe();
@@ -192,7 +192,7 @@ TEST_F(Tasks, DeletionWaitsForSafeTaskAndLastDeleterDeletes) {
         taskUnsafe();
     });
     ASSERT_TRUE(eventually([&] { return gone(selfish); }));
-    EXPECT_EQ(S_objLib_OBJ_UNAVAILABLE, self_errno.load());
+    EXPECT_EQ(KT4_E_OBJ_UNAVAILABLE, self_errno.load());
 
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
     EXPECT_EQ(0u, steps.size());
@@ -210,9 +210,9 @@ TEST_F(Tasks, DeletionWaitsForSafeTaskAndLastDeleterDeletes) {
 TEST_F(Tasks, DeletingABlockedTaskLeavesNoStaleWaiter) {
     // A FIFO semaphore admits only its first waiter: a deleted waiter left on the list would
     // block everyone behind it.
-    SEM_ID s = semBCreate(SEM_Q_FIFO, SEM_EMPTY);
-    MSG_Q_ID q = msgQCreate(1, 8, MSG_Q_FIFO);
-    SEM_ID m = semMCreate(SEM_Q_FIFO);
+    kt4SemId s = semBCreate(KT4_SEM_Q_FIFO, KT4_SEM_EMPTY);
+    kt4MsgQId q = msgQCreate(1, 8, KT4_MSGQ_FIFO);
+    kt4SemId m = semMCreate(KT4_SEM_Q_FIFO);
     ASSERT_EQ(OK, semTake(m, NO_WAIT));
     int t1 = spawn("tOnSem", 100, [&] { semTake(s, WAIT_FOREVER); });
     int t2 = spawn("tOnQueue", 100, [&] {
@@ -226,7 +226,7 @@ TEST_F(Tasks, DeletingABlockedTaskLeavesNoStaleWaiter) {
     EXPECT_EQ(OK, taskDelete(t3));
     EXPECT_EQ(OK, semGive(s));
     EXPECT_EQ(OK, semTake(s, NO_WAIT));
-    EXPECT_EQ(OK, msgQSend(q, "x", 1, NO_WAIT, MSG_PRI_NORMAL));
+    EXPECT_EQ(OK, msgQSend(q, "x", 1, NO_WAIT, KT4_MSG_PRI_NORMAL));
     char buf[8];
     EXPECT_EQ(1, msgQReceive(q, buf, sizeof buf, NO_WAIT));
     EXPECT_EQ(OK, semGive(m));
@@ -247,7 +247,7 @@ TEST_F(Tasks, SuspendAndResumeAnotherTaskWithInvertedResults) {
     ASSERT_TRUE(eventually([&] { return count > 3; }));
     errno = 0;
     EXPECT_EQ(ERROR, taskSuspend(t)); // suspended all the same
-    EXPECT_EQ(S_objLib_OBJ_ID_ERROR, errno);
+    EXPECT_EQ(KT4_E_OBJ_ID, errno);
     EXPECT_TRUE(taskIsSuspended(t));
     EXPECT_FALSE(taskIsReady(t));
     EXPECT_EQ(OK, taskSuspend(t)); // already suspended
@@ -256,13 +256,13 @@ TEST_F(Tasks, SuspendAndResumeAnotherTaskWithInvertedResults) {
     EXPECT_EQ(frozen, count.load());
     errno = 0;
     EXPECT_EQ(ERROR, taskResume(t)); // running again all the same
-    EXPECT_EQ(S_objLib_OBJ_DELETED, errno);
+    EXPECT_EQ(KT4_E_OBJ_DELETED, errno);
     EXPECT_FALSE(taskIsSuspended(t));
     EXPECT_TRUE(eventually([&] { return count > frozen + 3; }));
     EXPECT_EQ(OK, taskResume(t)); // not suspended
     errno = 0;
     EXPECT_EQ(ERROR, taskSuspend(4711));
-    EXPECT_EQ(S_objLib_OBJ_ID_ERROR, errno);
+    EXPECT_EQ(KT4_E_OBJ_ID, errno);
 
     // A suspended task can be deleted.
     EXPECT_EQ(ERROR, taskSuspend(t));
@@ -288,7 +288,7 @@ TEST_F(Tasks, TaskSuspendsItselfUntilResumed) {
 struct RestartState {
     std::atomic<int> starts{0};
     int restart_self_until = 0;
-    SEM_ID never = 0;
+    kt4SemId never = 0;
 };
 
 // A restarted task runs its entry again with the same arguments, so its state lives there.
@@ -303,7 +303,7 @@ int restart_entry(kt4_arg_t arg, kt4_arg_t, kt4_arg_t, kt4_arg_t, kt4_arg_t, kt4
 
 TEST_F(Tasks, RestartAnotherTaskAndItself) {
     RestartState other;
-    other.never = semBCreate(SEM_Q_FIFO, SEM_EMPTY);
+    other.never = semBCreate(KT4_SEM_Q_FIFO, KT4_SEM_EMPTY);
     int t = taskSpawn("tRestarted", 100, 0, 0, restart_entry, reinterpret_cast<kt4_arg_t>(&other),
                       0, 0, 0, 0, 0, 0, 0, 0, 0);
     ASSERT_TRUE(eventually([&] { return other.starts == 1 && pended(t); }));
@@ -312,7 +312,7 @@ TEST_F(Tasks, RestartAnotherTaskAndItself) {
     EXPECT_EQ(t, taskNameToId("tRestarted"));
     errno = 0;
     EXPECT_EQ(ERROR, taskRestart(4711));
-    EXPECT_EQ(S_objLib_OBJ_ID_ERROR, errno);
+    EXPECT_EQ(KT4_E_OBJ_ID, errno);
     EXPECT_EQ(OK, taskDelete(t));
     EXPECT_EQ(OK, semDelete(other.never));
 
@@ -386,8 +386,8 @@ TEST_F(Tasks, DelaysSleepTicksAndZeroOnlyYields) {
 
 TEST_F(Tasks, PriorityInheritanceRaisesTheOwner) {
     if (no_rt()) GTEST_SKIP() << "priorities do not preempt under the default policy";
-    SEM_ID m = semMCreate(SEM_Q_PRIORITY | SEM_INVERSION_SAFE);
-    SEM_ID go = semBCreate(SEM_Q_FIFO, SEM_EMPTY);
+    kt4SemId m = semMCreate(KT4_SEM_Q_PRIORITY | KT4_SEM_INVERSION_SAFE);
+    kt4SemId go = semBCreate(KT4_SEM_Q_FIFO, KT4_SEM_EMPTY);
     std::atomic<int> low_id{0}, high_id{0};
     std::atomic<int> before{-1}, during{-1}, after{-1};
     low_id = spawn("tLow", 200, [&] {

@@ -27,7 +27,7 @@ void wd_record(kt4_arg_t p) {
 }
 
 TEST_F(Watchdogs, FireAtTheNextTickWhateverTheDelay) {
-    WDOG_ID wd = wdCreate();
+    kt4WdogId wd = wdCreate();
     ASSERT_NE(nullptr, wd);
     auto t0 = Clock::now();
     ASSERT_EQ(OK, wdStart(wd, 500, wd_record, 1)); // 500 ticks would be 10 s
@@ -43,12 +43,12 @@ TEST_F(Watchdogs, FireAtTheNextTickWhateverTheDelay) {
     EXPECT_EQ(OK, wdDelete(wd));
     for (STATUS rc : {wdStart(wd, 1, wd_record, 0), wdCancel(wd), wdDelete(wd)}) {
         EXPECT_EQ(ERROR, rc);
-        EXPECT_EQ(S_objLib_OBJ_ID_ERROR, errno);
+        EXPECT_EQ(KT4_E_OBJ_ID, errno);
     }
 }
 
 struct CancelCase {
-    WDOG_ID outer, inner, control;
+    kt4WdogId outer, inner, control;
     Steps steps;
 };
 CancelCase *cancel_case = nullptr;
@@ -74,7 +74,7 @@ TEST_F(Watchdogs, CancelBeforeTheNextTickPreventsTheCall) {
     ASSERT_TRUE(c.steps.wait_size(2, 1000));
     std::this_thread::sleep_for(std::chrono::milliseconds(100));
     EXPECT_EQ((std::vector<std::string>{"outer", "inner 2"}), c.steps.get());
-    for (WDOG_ID w : {c.outer, c.inner, c.control})
+    for (kt4WdogId w : {c.outer, c.inner, c.control})
         EXPECT_EQ(OK, wdDelete(w));
     cancel_case = nullptr;
 }
@@ -123,7 +123,7 @@ TEST_F(Timers, PeriodicAndOneShotAtSecondGranularity) {
     for (VX2BSD_TIMER_ID gone_timer : {p, d}) {
         errno = 0;
         EXPECT_EQ(ERROR, vx2bsdTimerStart(gone_timer, 1, timer_record, 0, 0));
-        EXPECT_EQ(S_objLib_OBJ_ID_ERROR, errno);
+        EXPECT_EQ(KT4_E_OBJ_ID, errno);
         EXPECT_EQ(ERROR, vx2bsdTimerCancel(gone_timer));
         EXPECT_EQ(ERROR, vx2bsdTimerDelete(gone_timer));
     }

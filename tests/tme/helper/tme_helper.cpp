@@ -25,7 +25,7 @@ constexpr uint32_t kEchoType = 1700;
 
 struct TaskRun {
     std::string reply;
-    SEM_ID done;
+    kt4SemId done;
 };
 
 int serve(kt4_arg_t runArg, kt4_arg_t keyArg, kt4_arg_t, kt4_arg_t, kt4_arg_t, kt4_arg_t, kt4_arg_t,
@@ -61,7 +61,7 @@ int run_task(int argc, char **argv) {
     const int instance = std::atoi(argv[argc - 5]);
     TaskRun run;
     run.reply = std::string(argv[2]) + " " + std::to_string(argc) + " " + argv[argc - 4];
-    run.done = semBCreate(SEM_Q_FIFO, SEM_EMPTY);
+    run.done = semBCreate(KT4_SEM_Q_FIFO, KT4_SEM_EMPTY);
     if (kt4_taskSpawn("tHelper", 100, 0, 0, serve, service, instance,
                       reinterpret_cast<kt4_arg_t>(&run)) == -1) {
         std::fprintf(stderr, "tme_helper: kt4_taskSpawn failed\n");
