@@ -15,7 +15,9 @@ struct route {
 
 static int fired;
 
-static void on_timer(uintptr_t param) { fired += (int)param; }
+static void on_timer(uintptr_t param) {
+    fired += (int)param;
+}
 
 #define CHECK(cond)                                                                                \
     do {                                                                                           \
@@ -63,11 +65,13 @@ int main(void) {
     kt4RBTree *tree = kt4RBTreeCreate("routes", offsetof(struct route, key), sizeof(uint32_t), NULL,
                                       NULL, _RBTCompareUL);
     CHECK(tree != NULL);
-    for (int i = 0; i < 3; ++i) CHECK(kt4RBTreeInsert(tree, &r[i]) == 1);
+    for (int i = 0; i < 3; ++i)
+        CHECK(kt4RBTreeInsert(tree, &r[i]) == 1);
     uint32_t want = 20;
     struct route *hit = (struct route *)kt4RBTreeGetExact(tree, &want);
     CHECK(hit != NULL && strcmp(hit->name, "b") == 0);
-    for (int i = 0; i < 3; ++i) CHECK(kt4RBTreeRemove(tree, &r[i].key) == &r[i]);
+    for (int i = 0; i < 3; ++i)
+        CHECK(kt4RBTreeRemove(tree, &r[i].key) == &r[i]);
     kt4RBTreeDestroy(tree);
 
     /* Interface indexes, IPC addressing, task keys. */

@@ -74,7 +74,8 @@ bool section_work_queue() {
     WorkShop shop;
     std::memset(shop.per_worker, 0, sizeof shop.per_worker);
     shop.queue = msgQCreate(16, sizeof(WorkItem), KT4_MSGQ_FIFO);
-    shop.total_guard = semMCreate(KT4_SEM_Q_PRIORITY | KT4_SEM_INVERSION_SAFE | KT4_SEM_DELETE_SAFE);
+    shop.total_guard =
+        semMCreate(KT4_SEM_Q_PRIORITY | KT4_SEM_INVERSION_SAFE | KT4_SEM_DELETE_SAFE);
     shop.finished = semCCreate(KT4_SEM_Q_FIFO, 0);
     if (shop.queue == nullptr || shop.total_guard == 0 || shop.finished == 0) return false;
     auto arg = reinterpret_cast<kt4_arg_t>(&shop);

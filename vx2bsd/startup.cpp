@@ -139,8 +139,8 @@ int root_task(kt4_arg_t exc_flag, kt4_arg_t timer_flag, kt4_arg_t, kt4_arg_t, kt
 }
 
 // Prepares and starts one service task at a POSIX priority outside the mapping's clamp.
-void start_service(kt4Tcb *w, const char *name, int priority, int posix_priority, kt4TaskEntry entry,
-                   const char *attr_text, kt4_arg_t a1 = 0, kt4_arg_t a2 = 0) {
+void start_service(kt4Tcb *w, const char *name, int priority, int posix_priority,
+                   kt4TaskEntry entry, const char *attr_text, kt4_arg_t a1 = 0, kt4_arg_t a2 = 0) {
     if (taskInit(w, name, priority, 0, nullptr, 0, entry, a1, a2, 0, 0, 0, 0, 0, 0, 0, 0) != OK)
         return;
     set_posix_priority(as_tcb(w), posix_priority, attr_text);

@@ -617,8 +617,8 @@ int taskSpawn(const char *name, int priority, int options, int stackSize, kt4Tas
         std::snprintf(auto_name, sizeof auto_name, "t%d", new_id);
         name = auto_name;
     }
-    if (taskInit(reinterpret_cast<kt4Tcb *>(t), name, priority, options, nullptr, stackSize,
-                 entry, a1, a2, a3, a4, a5, a6, a7, a8, a9, a10) != OK) {
+    if (taskInit(reinterpret_cast<kt4Tcb *>(t), name, priority, options, nullptr, stackSize, entry,
+                 a1, a2, a3, a4, a5, a6, a7, a8, a9, a10) != OK) {
         int saved = errno;
         // The TCB never reached the list: what it owns goes with it.
         ts_free(t->name);

@@ -70,7 +70,7 @@ struct tcb {
     pthread_t pthrid;         // 0 before activation and while a restart is pending
     pthread_attr_t attr;      // policy and priority of every creation of the thread
     sched_param prv_priority; // normal priority, kernel-convention POSIX scale 0..255
-    kt4TaskEntry entry;            //
+    kt4TaskEntry entry;       //
     be<uintptr_t> args[10];   // entry arguments as given
     be32 static_tcb;          // 1: storage belongs to the taskInit caller
     be32 options;             // stored only

@@ -41,8 +41,8 @@ typedef uintptr_t kt4_arg_t;
 
 /* ---- Tasks ---- */
 
-typedef int (*kt4TaskEntry)(kt4_arg_t, kt4_arg_t, kt4_arg_t, kt4_arg_t, kt4_arg_t, kt4_arg_t, kt4_arg_t,
-                       kt4_arg_t, kt4_arg_t, kt4_arg_t);
+typedef int (*kt4TaskEntry)(kt4_arg_t, kt4_arg_t, kt4_arg_t, kt4_arg_t, kt4_arg_t, kt4_arg_t,
+                            kt4_arg_t, kt4_arg_t, kt4_arg_t, kt4_arg_t);
 typedef void (*kt4WdRoutine)(kt4_arg_t);
 
 /*

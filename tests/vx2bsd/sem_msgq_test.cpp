@@ -226,7 +226,8 @@ std::string recv_str(kt4MsgQId q, int timeout = NO_WAIT) {
     return n < 0 ? "ERROR" : std::string(buf, static_cast<size_t>(n));
 }
 
-STATUS send_str(kt4MsgQId q, const std::string &s, int timeout = NO_WAIT, int pri = KT4_MSG_PRI_NORMAL) {
+STATUS send_str(kt4MsgQId q, const std::string &s, int timeout = NO_WAIT,
+                int pri = KT4_MSG_PRI_NORMAL) {
     return msgQSend(q, s.data(), static_cast<unsigned>(s.size()), timeout, pri);
 }
 
