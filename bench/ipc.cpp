@@ -9,7 +9,12 @@
 //                        messages answered by one credit message (so nothing is lost)
 //   RawOneWay            the same with sendto/recvfrom
 //   Guaranteed           kt4IpcSend with guaranteed delivery: every message acknowledged
-// Sizes are whole datagrams (60 bytes is a bare header). The summary prints operations per
+// Sizes are whole datagrams (60 bytes is a bare header). Both servers count what they served
+// in memory shared with the client, and every run checks the server's count against its own:
+// a run whose far side did not see every request is reported as an error, not as a figure.
+// kt4IpcSendWait copies the reply (triples exchanged) over the caller's message, so the
+// request's header is restored before every send. All four processes run under the policy
+// the benchmark was started with (checked before the first run). The summary prints operations per
 // second (wall clock) and the client's CPU time per operation, each relative to the raw
 // baseline. On a loaded machine the wall clock mostly measures wake-up latency; the CPU time
 // is what the library adds.
@@ -20,16 +25,20 @@
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
+#include <sched.h>
 #include <signal.h>
+#include <sys/mman.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <cstring>
 #include <map>
+#include <new>
 #include <string>
 #include <vector>
 
@@ -43,6 +52,35 @@ constexpr uint32_t kTypeRequest = 1, kTypeOneWay = 2, kTypeGuaranteed = 3, kType
 constexpr int kMaxMsg = 8192;
 
 int clientKey = -1;
+
+// What the servers served, counted by them, in memory shared across the fork.
+struct Served {
+    std::atomic<long> ipcRequests, ipcOneWay, ipcGuaranteed;
+    std::atomic<long> rawRequests, rawOneWay;
+    std::atomic<int> ipcPolicy, rawPolicy;
+};
+Served *served = nullptr;
+bool farSideMismatch = false;
+
+// Checks at the end of a run that the far side counted exactly what the client did.
+struct FarSide {
+    std::atomic<long> &counter;
+    long start;
+    explicit FarSide(std::atomic<long> &c) : counter(c), start(c.load()) {}
+    // The server may count a message just after the client saw its answer (an acknowledgement
+    // leaves inside the server's receive): give it a moment, bounded, to catch up.
+    void check(benchmark::State &state, long expected) const {
+        for (int i = 0; i < 1000 && counter.load() - start < expected; ++i)
+            usleep(1000);
+        const long got = counter.load() - start;
+        if (got != expected) {
+            char why[96];
+            std::snprintf(why, sizeof why, "server counted %ld, client %ld", got, expected);
+            state.SkipWithError(why);
+            farSideMismatch = true;
+        }
+    }
+};
 pid_t ipcServer = -1, rawServer = -1;
 // Operations per second of every run, by "<benchmark>/<size>": (iterations, ops). The machine
 // is shared, so the summary takes the median of the runs with the final iteration count
@@ -89,6 +127,7 @@ std::vector<unsigned char> message(int len, uint32_t type, int tgtSvc) {
 // The library's server: answers requests, counts one-way messages and credits each window.
 [[noreturn]] void ipc_server(int readyFd) {
     const int key = kt4IpcOpen(kServerSvc, 0);
+    served->ipcPolicy = sched_getscheduler(0);
     char ok = key > 0 ? 'y' : 'n';
     if (write(readyFd, &ok, 1) != 1 || key <= 0) _exit(1);
     std::vector<unsigned char> in(kMaxMsg);
@@ -99,9 +138,14 @@ std::vector<unsigned char> message(int len, uint32_t type, int tgtSvc) {
         if (n < 60) continue;
         switch (kt4IpcHdrGet(in.data(), KT4_IPC_HDR_MSG_TYPE)) {
         case kTypeRequest:
+            served->ipcRequests++; // counted before the answer can reach the client
             kt4IpcReply(key, in.data(), n);
             break;
+        case kTypeGuaranteed:
+            served->ipcGuaranteed++;
+            break;
         case kTypeOneWay:
+            served->ipcOneWay++;
             if (++oneWay == kWindow) {
                 oneWay = 0;
                 kt4IpcNonGuaranteedSend(key, credit.data(), 60);
@@ -119,6 +163,7 @@ std::vector<unsigned char> message(int len, uint32_t type, int tgtSvc) {
 // The baseline's server: echoes requests ('P'), credits one-way windows ('O').
 [[noreturn]] void raw_server(int readyFd) {
     int fd = raw_socket(kRawServerPort);
+    served->rawPolicy = sched_getscheduler(0);
     char ok = 'y';
     if (write(readyFd, &ok, 1) != 1) _exit(1);
     std::vector<unsigned char> in(kMaxMsg);
@@ -133,11 +178,15 @@ std::vector<unsigned char> message(int len, uint32_t type, int tgtSvc) {
         long n = recvfrom(fd, in.data(), kMaxMsg, 0, reinterpret_cast<sockaddr *>(&from), &fl);
         if (n <= 0) continue;
         if (in[0] == 'P') {
+            served->rawRequests++; // counted before the echo can reach the client
             sendto(fd, in.data(), static_cast<size_t>(n), 0, reinterpret_cast<sockaddr *>(&from),
                    fl);
-        } else if (in[0] == 'O' && ++oneWay == kWindow) {
-            oneWay = 0;
-            sendto(fd, "C", 1, 0, reinterpret_cast<sockaddr *>(&from), fl);
+        } else if (in[0] == 'O') {
+            served->rawOneWay++;
+            if (++oneWay == kWindow) {
+                oneWay = 0;
+                sendto(fd, "C", 1, 0, reinterpret_cast<sockaddr *>(&from), fl);
+            }
         } else if (in[0] == 'S') {
             _exit(0);
         }
@@ -173,6 +222,7 @@ struct Timer {
     // Records the run's operations per second under "<benchmark>/<size>" (the last run,
     // with the most iterations, is the one kept).
     void done(benchmark::State &state, const char *bench, int per = 1) const {
+        if (state.error_occurred()) return; // a failed run gives no figure
         double s = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
         double cpu = thread_cpu_seconds() - cpu0;
         double n = static_cast<double>(state.iterations()) * per;
@@ -185,11 +235,19 @@ struct Timer {
 
 void RoundTrip(benchmark::State &state) {
     const int len = static_cast<int>(state.range(0));
-    auto m = message(len, kTypeRequest, kServerSvc);
+    const auto request = message(len, kTypeRequest, kServerSvc);
+    auto m = request;
+    FarSide far(served->ipcRequests);
     Timer t;
-    for (auto _ : state)
-        if (kt4IpcSendWait(clientKey, m.data(), len, 2, kTypeRequest, 0) != len)
+    for (auto _ : state) {
+        // The reply came back over the request: put the request's header back.
+        std::memcpy(m.data(), request.data(), KT4_IPC_HDR_LEN);
+        if (kt4IpcSendWait(clientKey, m.data(), len, 2, kTypeRequest, 0) != len) {
             state.SkipWithError("no reply");
+            break;
+        }
+    }
+    far.check(state, static_cast<long>(state.iterations()));
     t.done(state, "RoundTrip");
 }
 
@@ -199,12 +257,16 @@ void RawRoundTrip(benchmark::State &state) {
     std::vector<unsigned char> m(len, 0x5A), in(len);
     m[0] = 'P';
     sockaddr_in to = local(kRawServerPort);
+    FarSide far(served->rawRequests);
     Timer t;
     for (auto _ : state) {
         sendto(fd, m.data(), len, 0, reinterpret_cast<sockaddr *>(&to), sizeof to);
-        if (recvfrom(fd, in.data(), len, 0, nullptr, nullptr) != static_cast<long>(len))
+        if (recvfrom(fd, in.data(), len, 0, nullptr, nullptr) != static_cast<long>(len)) {
             state.SkipWithError("no echo");
+            break;
+        }
     }
+    far.check(state, static_cast<long>(state.iterations()));
     t.done(state, "RawRoundTrip");
     close(fd);
 }
@@ -215,6 +277,7 @@ void RawSelectRoundTrip(benchmark::State &state) {
     std::vector<unsigned char> m(len, 0x5A), in(len);
     m[0] = 'P';
     sockaddr_in to = local(kRawServerPort);
+    FarSide far(served->rawRequests);
     Timer t;
     for (auto _ : state) {
         sendto(fd, m.data(), len, 0, reinterpret_cast<sockaddr *>(&to), sizeof to);
@@ -223,9 +286,12 @@ void RawSelectRoundTrip(benchmark::State &state) {
         FD_SET(fd, &rd);
         timeval tv{0, 500000};
         if (select(fd + 1, &rd, nullptr, nullptr, &tv) != 1 ||
-            recvfrom(fd, in.data(), len, 0, nullptr, nullptr) != static_cast<long>(len))
+            recvfrom(fd, in.data(), len, 0, nullptr, nullptr) != static_cast<long>(len)) {
             state.SkipWithError("no echo");
+            break;
+        }
     }
+    far.check(state, static_cast<long>(state.iterations()));
     t.done(state, "RawSelectRoundTrip");
     close(fd);
 }
@@ -235,14 +301,18 @@ void OneWay(benchmark::State &state) {
     auto m = message(static_cast<int>(state.range(0)), kTypeOneWay, kServerSvc);
     const int len = static_cast<int>(m.size());
     unsigned char credit[64];
+    FarSide far(served->ipcOneWay);
     Timer t;
     for (auto _ : state) {
         for (int i = 0; i < kWindow; ++i)
             kt4IpcSend(clientKey, m.data(), len);
-        if (kt4IpcRecv(clientKey | 1, credit, sizeof credit, 2, kTypeCredit, 0) < 0)
+        if (kt4IpcRecv(clientKey | 1, credit, sizeof credit, 2, kTypeCredit, 0) < 0) {
             state.SkipWithError("no credit");
+            break;
+        }
     }
     state.SetItemsProcessed(state.iterations() * kWindow);
+    far.check(state, static_cast<long>(state.iterations()) * kWindow);
     t.done(state, "OneWay", kWindow);
     kt4IpcGuaranteedEnDis(1);
 }
@@ -254,24 +324,38 @@ void RawOneWay(benchmark::State &state) {
     m[0] = 'O';
     sockaddr_in to = local(kRawServerPort);
     unsigned char credit[8];
+    FarSide far(served->rawOneWay);
     Timer t;
     for (auto _ : state) {
         for (int i = 0; i < kWindow; ++i)
             sendto(fd, m.data(), len, 0, reinterpret_cast<sockaddr *>(&to), sizeof to);
-        if (recvfrom(fd, credit, sizeof credit, 0, nullptr, nullptr) != 1)
+        if (recvfrom(fd, credit, sizeof credit, 0, nullptr, nullptr) != 1) {
             state.SkipWithError("no credit");
+            break;
+        }
     }
     state.SetItemsProcessed(state.iterations() * kWindow);
+    far.check(state, static_cast<long>(state.iterations()) * kWindow);
     t.done(state, "RawOneWay", kWindow);
     close(fd);
 }
 
 void Guaranteed(benchmark::State &state) {
-    auto m = message(static_cast<int>(state.range(0)), kTypeGuaranteed, kServerSvc);
+    const auto request = message(static_cast<int>(state.range(0)), kTypeGuaranteed, kServerSvc);
+    auto m = request;
     const int len = static_cast<int>(m.size());
+    FarSide far(served->ipcGuaranteed);
     Timer t;
-    for (auto _ : state)
-        if (kt4IpcSend(clientKey, m.data(), len) != len) state.SkipWithError("not acknowledged");
+    for (auto _ : state) {
+        std::memcpy(m.data(), request.data(), KT4_IPC_HDR_LEN);
+        if (kt4IpcSend(clientKey, m.data(), len) != len) {
+            state.SkipWithError("not acknowledged");
+            break;
+        }
+    }
+    // The acknowledgement comes from the server's receive, so every acknowledged message was
+    // counted there (a retried one may be counted twice: nothing is lost on loopback).
+    far.check(state, static_cast<long>(state.iterations()));
     t.done(state, "Guaranteed");
 }
 
@@ -326,6 +410,14 @@ int main(int argc, char **argv) {
     // A card of its own, so that the benchmark's ports meet no test's.
     kt4CardSetChassisId(15);
     kt4CardSetSlot(23);
+    served = static_cast<Served *>(mmap(nullptr, sizeof(Served), PROT_READ | PROT_WRITE,
+                                        MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+    if (served == MAP_FAILED) {
+        std::perror("mmap");
+        return 1;
+    }
+    new (served) Served{};
+    served->ipcPolicy = served->rawPolicy = -1;
     clientKey = kt4IpcOpen(kClientSvc, 0);
     if (clientKey < 0) {
         std::fprintf(stderr, "cannot open the client endpoint\n");
@@ -337,6 +429,13 @@ int main(int argc, char **argv) {
         std::fprintf(stderr, "servers did not start\n");
         return 1;
     }
+    const int policy = sched_getscheduler(0);
+    if (served->ipcPolicy != policy || served->rawPolicy != policy) {
+        std::fprintf(stderr, "scheduling policies differ: client %d, library server %d, raw %d\n",
+                     policy, served->ipcPolicy.load(), served->rawPolicy.load());
+        return 1;
+    }
+    std::printf("client and both servers under scheduling policy %d\n", policy);
     benchmark::Initialize(&argc, argv);
     benchmark::RunSpecifiedBenchmarks();
     summary();
@@ -350,5 +449,6 @@ int main(int argc, char **argv) {
     waitpid(rawServer, nullptr, 0);
     kt4IpcClose(clientKey);
     benchmark::Shutdown();
-    return 0;
+    if (farSideMismatch) std::fprintf(stderr, "bench_ipc: a server did not serve every request\n");
+    return farSideMismatch ? 1 : 0;
 }

@@ -14,10 +14,24 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <cerrno>
+#include <csignal>
 #include <sys/wait.h>
 #include <unistd.h>
 
 namespace {
+
+// Reports the step of a section that went wrong and why, on stderr as well as in the run's
+// story, and returns false so that a section can end with `return failed(...)`.
+bool failed(const char *section, const char *step, const std::string &why) {
+    std::fflush(stdout);
+    std::fprintf(stderr, "kt4demo: %s: %s failed: %s\n", section, step, why.c_str());
+    return false;
+}
+
+std::string errno_text(int err) {
+    return std::string(std::strerror(err)) + " (errno " + std::to_string(err) + ")";
+}
 
 // ---- section: tasks exchange work through a message queue ----------------------------------
 //
@@ -77,7 +91,8 @@ bool section_work_queue() {
     shop.total_guard =
         semMCreate(KT4_SEM_Q_PRIORITY | KT4_SEM_INVERSION_SAFE | KT4_SEM_DELETE_SAFE);
     shop.finished = semCCreate(KT4_SEM_Q_FIFO, 0);
-    if (shop.queue == nullptr || shop.total_guard == 0 || shop.finished == 0) return false;
+    if (shop.queue == nullptr || shop.total_guard == 0 || shop.finished == 0)
+        return failed("work queue", "creating the queue and semaphores", errno_text(errno));
     auto arg = reinterpret_cast<kt4_arg_t>(&shop);
 
     int workers[kWorkers];
@@ -118,7 +133,13 @@ bool section_work_queue() {
     msgQDelete(shop.queue);
     semDelete(shop.total_guard);
     semDelete(shop.finished);
-    return done == kProducers * kItemsPerProducer && shop.total == expected;
+    if (done != kProducers * kItemsPerProducer)
+        return failed("work queue", "finishing every item",
+                      std::to_string(done) + " of " +
+                          std::to_string(kProducers * kItemsPerProducer) +
+                          " finished within 2 s of each other");
+    if (shop.total != expected) return failed("work queue", "checking the guarded total", "wrong sum");
+    return true;
 }
 
 // ---- section: a watchdog watches a task -----------------------------------------------------
@@ -168,7 +189,12 @@ bool section_watchdog() {
     watch = &w;
     w.wd = wdCreate();
     w.task = taskSpawn("tBusy", 130, 0, 0, busy_task, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0);
-    if (w.wd == nullptr || w.task == ERROR) return false;
+    if (w.wd == nullptr || w.task == ERROR) {
+        const std::string why = errno_text(errno);
+        if (w.wd != nullptr) wdDelete(w.wd);
+        watch = nullptr;
+        return failed("watchdog", "creating the watchdog and its task", why);
+    }
     wdStart(w.wd, 1, watchdog_routine, 0);
     taskDelay(10);
     std::printf("[watchdog] suspending %s after %ld steps\n", taskName(w.task), w.progress.load());
@@ -186,7 +212,11 @@ bool section_watchdog() {
     std::printf("[watchdog] %d checks, %d stall(s) caught, task %s after the resume\n",
                 w.checks.load(), w.stalls_seen.load(), runs_again ? "ran again" : "stayed stopped");
     watch = nullptr;
-    return w.stalls_seen == 1 && runs_again;
+    if (w.stalls_seen != 1)
+        return failed("watchdog", "catching the stall",
+                      std::to_string(w.stalls_seen.load()) + " stall(s) caught, 1 expected");
+    if (!runs_again) return failed("watchdog", "resuming the task", "it did not run again");
+    return true;
 }
 
 // ---- section: two control processes of one card find each other ----------------------------
@@ -223,11 +253,28 @@ int wait_exit(int pid) {
     return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
+// The card's product directory and System V sets, removed whatever happened.
+struct CardScratch {
+    std::string root, link;
+    bool locks = false;
+    ~CardScratch() {
+        if (locks) KT4_ShmSemRem();
+        if (!root.empty()) {
+            unlink(kt4GetShmFileName(0));
+            if (!link.empty()) unlink(link.c_str());
+            rmdir(root.c_str());
+        }
+    }
+};
+
 bool section_card() {
+    constexpr const char *kSection = "card";
+    CardScratch scratch;
     char tmpl[] = "/tmp/kt4demo.XXXXXX";
-    if (mkdtemp(tmpl) == nullptr) return false;
-    const std::string root = tmpl;
-    const std::string link = root + "/kt4demo_card";
+    if (mkdtemp(tmpl) == nullptr)
+        return failed(kSection, "making the product directory", errno_text(errno));
+    scratch.root = tmpl;
+    const std::string &root = scratch.root;
     // The card's identity and keys, inherited by the processes it creates.
     setenv("KT4_ROOT", root.c_str(), 1);
     setenv("KT4_SYSV_KEY_OFFSET", std::to_string(0x30000000 + (getpid() % 1000000) * 128).c_str(),
@@ -236,57 +283,92 @@ bool section_card() {
     setenv("KT4_SLOT", "1", 1);
     kt4CardReload();
 
+    const std::string program = card_program();
+    if (program.empty() || access(program.c_str(), X_OK) != 0)
+        return failed(kSection, "finding kt4demo_card beside kt4demo",
+                      program + ": " + errno_text(errno));
+    scratch.link = root + "/kt4demo_card";
+    if (symlink(program.c_str(), scratch.link.c_str()) != 0)
+        return failed(kSection, "linking kt4demo_card into the product directory",
+                      errno_text(errno));
     std::string bytes = std::to_string(kCardBytes);
     char arg0[] = "kt4demo";
     char *argv[] = {arg0, bytes.data(), nullptr};
-    bool ok = symlink(card_program().c_str(), link.c_str()) == 0 && KT4_ProcShmInit(2, argv) == 0 &&
-              KT4_InitShmSem(1) == 0;
+    errno = 0;
+    if (KT4_ProcShmInit(2, argv) != 0)
+        return failed(kSection, "mapping the shared memory file",
+                      std::string(kt4GetShmFileName(0)) + ": " + errno_text(errno));
+    // The card's creator makes the locks (the library keeps the kernel from handing one of
+    // them id 0, which the lock table would take for a missing lock).
+    scratch.locks = true;
+    errno = 0;
+    if (KT4_InitShmSem(1) != 0) {
+        KT4_ShmLockDebug(1);
+        return failed(kSection, "creating the card's locks (KT4_InitShmSem(1))",
+                      errno_text(errno) + "; the lock table is printed above");
+    }
     const int tmeInstance = static_cast<int>(kt4_sysGetInstance());
-    const int tmeKey = ok ? kt4IpcOpen(KT4_TME_SERVICE, tmeInstance) : -1;
-    int readies = 0, serverExit = -1, clientExit = -1;
-    if (tmeKey != -1) {
-        std::printf("[card] product directory %s, card address %s, slot %d\n", root.c_str(),
-                    addr_text(kt4_sysGetIpAddr()).c_str(), kt4CardSlot());
-        std::printf("[tme] this process is the task manager: service %d instance %d\n",
-                    KT4_TME_SERVICE, tmeInstance);
-        std::fflush(stdout);
-        const int server = kt4TaskCreate("server", kServerService, 0, KT4_TASK_AS_PROCESS, 100, 0,
-                                         0, nullptr, 0, "kt4demo_card", "server");
-        const std::string clientArgs =
-            "client " + std::to_string(kServerService) + " 0 ospf bgp isis";
-        const int client = kt4TaskCreate("client", kClientService, 0, KT4_TASK_AS_PROCESS, 100, 0,
-                                         0, nullptr, 0, "kt4demo_card", clientArgs.c_str());
+    errno = 0;
+    const int tmeKey = kt4IpcOpen(KT4_TME_SERVICE, tmeInstance);
+    if (tmeKey == -1)
+        return failed(kSection, "opening the task manager's endpoint", errno_text(errno));
+    std::printf("[card] product directory %s, card address %s, slot %d\n", root.c_str(),
+                addr_text(kt4_sysGetIpAddr()).c_str(), kt4CardSlot());
+    std::printf("[tme] this process is the task manager: service %d instance %d\n",
+                KT4_TME_SERVICE, tmeInstance);
+    std::fflush(stdout);
+    const int server = kt4TaskCreate("server", kServerService, 0, KT4_TASK_AS_PROCESS, 100, 0, 0,
+                                     nullptr, 0, "kt4demo_card", "server");
+    const int serverErr = errno;
+    const std::string clientArgs = "client " + std::to_string(kServerService) + " 0 ospf bgp isis";
+    const int client = kt4TaskCreate("client", kClientService, 0, KT4_TASK_AS_PROCESS, 100, 0, 0,
+                                     nullptr, 0, "kt4demo_card", clientArgs.c_str());
+    const int clientErr = errno;
+    std::string why;
+    if (server <= 0) why = "creating the server process: " + errno_text(serverErr);
+    else if (client <= 0) why = "creating the client process: " + errno_text(clientErr);
+    else
         std::printf("[tme] created process %d for service %d and process %d for service %d\n",
                     server, kServerService, client, kClientService);
-        std::fflush(stdout);
-        // Both announce themselves; the manager's receive acknowledges each announcement.
-        for (int i = 0; i < 2 && server > 0 && client > 0; ++i) {
-            unsigned char msg[KT4_TASK_READY_MSG_LEN + 16];
-            int n = kt4IpcRecv(Key_getReqQueue(tmeKey), msg, sizeof msg, 10,
-                               KT4_TASK_READY_MSG_TYPE, 0);
-            if (n != KT4_TASK_READY_MSG_LEN) break;
-            auto word = [&](int off) {
-                return static_cast<unsigned>(msg[off] << 24 | msg[off + 1] << 16 |
-                                             msg[off + 2] << 8 | msg[off + 3]);
-            };
-            std::printf("[tme] ready: service %u, task %u of process %u\n", word(68), word(60),
-                        word(64));
-            std::fflush(stdout);
-            ++readies;
+    std::fflush(stdout);
+    // Both announce themselves; the manager's receive acknowledges each announcement.
+    int readies = 0;
+    for (; readies < 2 && why.empty(); ++readies) {
+        unsigned char msg[KT4_TASK_READY_MSG_LEN + 16];
+        errno = 0;
+        int n = kt4IpcRecv(Key_getReqQueue(tmeKey), msg, sizeof msg, 10, KT4_TASK_READY_MSG_TYPE,
+                           0);
+        if (n != KT4_TASK_READY_MSG_LEN) {
+            why = "ready message " + std::to_string(readies + 1) + " of 2 within 10 s: " +
+                  (n < 0 ? errno_text(errno) : "got " + std::to_string(n) + " bytes");
+            break;
         }
-        serverExit = wait_exit(server);
-        clientExit = wait_exit(client);
-        int status = -1;
-        uint32_t gone = kt4_tmeGetPeerIpAddrByName(kServerService, 0, &status);
-        std::printf("[tme] server exited %d, client exited %d; server %s the task table\n",
-                    serverExit, clientExit, gone == 0xFFFFFFFFu ? "has left" : "is still in");
-        kt4IpcClose(tmeKey);
+        auto word = [&](int off) {
+            return static_cast<unsigned>(msg[off] << 24 | msg[off + 1] << 16 | msg[off + 2] << 8 |
+                                         msg[off + 3]);
+        };
+        std::printf("[tme] ready: service %u, task %u of process %u\n", word(68), word(60),
+                    word(64));
+        std::fflush(stdout);
     }
-    KT4_ShmSemRem();
-    unlink(kt4GetShmFileName(0));
-    unlink(link.c_str());
-    rmdir(root.c_str());
-    return ok && readies == 2 && serverExit == 0 && clientExit == 0;
+    if (!why.empty()) {
+        // Do not leave the card's processes behind.
+        if (server > 0) kill(server, SIGKILL);
+        if (client > 0) kill(client, SIGKILL);
+    }
+    const int serverExit = wait_exit(server);
+    const int clientExit = wait_exit(client);
+    int status = -1;
+    uint32_t gone = kt4_tmeGetPeerIpAddrByName(kServerService, 0, &status);
+    std::printf("[tme] server exited %d, client exited %d; server %s the task table\n",
+                serverExit, clientExit, gone == 0xFFFFFFFFu ? "has left" : "is still in");
+    kt4IpcClose(tmeKey);
+    if (!why.empty()) return failed(kSection, "waiting for the control processes", why);
+    if (serverExit != 0 || clientExit != 0)
+        return failed(kSection, "running the control processes",
+                      "server exited " + std::to_string(serverExit) + ", client exited " +
+                          std::to_string(clientExit) + " (their own lines above say why)");
+    return true;
 }
 
 // ---- the sections of the simulated card, in order -------------------------------------------

@@ -17,6 +17,7 @@
 #include <kt4/tme.h>
 #include <kt4/vx2bsd.h>
 
+#include <cerrno>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
@@ -135,7 +136,8 @@ int task_main(kt4_arg_t roleArg, kt4_arg_t keyArg, kt4_arg_t, kt4_arg_t, kt4_arg
     const int key = static_cast<int>(keyArg);
     const char *who = role->server ? "server" : "client";
     if (kt4TaskStartup(key, 0) != key) {
-        say(who, "cannot open the endpoint of key %d", key);
+        say(who, "cannot open the endpoint of key %d: %s (errno %d)", key, std::strerror(errno),
+            errno);
     } else {
         say(who, "task %s (id %d) opened service %d instance %d and told the task manager",
             taskName(0), taskIdSelf(), key >> 7, (key & 0x7C) >> 2);
@@ -157,7 +159,10 @@ int main(int argc, char **argv) {
     Role role;
     role.server = std::strcmp(argv[1], "server") == 0;
     if (!role.server) {
-        if (userWords < 3) return 2;
+        if (userWords < 3) {
+            std::fprintf(stderr, "kt4demo_card: client needs <service> <instance> <word>...\n");
+            return 2;
+        }
         role.peerService = std::atoi(argv[2]);
         role.peerInstance = std::atoi(argv[3]);
         for (int i = 4; i <= userWords; ++i)
@@ -167,8 +172,11 @@ int main(int argc, char **argv) {
     const int service = std::atoi(argv[argc - 6]);
     const int instance = std::atoi(argv[argc - 5]);
     if (kt4_taskSpawn(role.server ? "tServer" : "tClient", 100, 0, 0, task_main, service, instance,
-                      reinterpret_cast<kt4_arg_t>(&role)) == -1)
+                      reinterpret_cast<kt4_arg_t>(&role)) == -1) {
+        std::fprintf(stderr, "kt4demo_card: %s: spawning its task failed: %s (errno %d)\n",
+                     argv[1], std::strerror(errno), errno);
         return 1;
+    }
     semTake(role.done, WAIT_FOREVER);
     return role.result;
 }

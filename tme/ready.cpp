@@ -9,12 +9,11 @@
 //   +64     process id
 //   +68     service
 //
-// It goes out from the task's request queue. When the card's task manager has its endpoint
-// registered, the message goes through kt4IpcSend, guaranteed where IPC says so, and the
-// manager acknowledges it. A card that runs without a manager process (the table alone
-// answers look-ups) has nobody to acknowledge it: the message then goes out plainly, for
-// whoever watches the manager's queue, instead of stalling every task's start-up on three
-// unanswered tries. The card's table marks the task ready in both cases.
+// It goes out from the task's request queue through kt4IpcSend, so that IPC's guaranteed-
+// delivery decision applies to it as to any other message: where delivery is guaranteed the
+// manager acknowledges the first message (command type 9) and the announcement completes when
+// it has; with nobody to acknowledge it, the three tries fail and the call returns -1. The
+// card's table marks the task ready once the message is out.
 #include "common/kt4_be.h"
 #include "common/kt4_check.h"
 #include "ipc/localinfo.h"
@@ -66,11 +65,7 @@ extern "C" int kt4TaskReady(int key) {
     kt4::store_be32(msg + kBodyPid, pid);
     kt4::store_be32(msg + kBodyService, static_cast<uint32_t>(service));
 
-    const bool managerListens = kt4::tme::lookup(KT4_TME_SERVICE, tmeInstance, kt4CardSlot(),
-                                                 nullptr) == KT4_TME_PEER_FOUND;
-    const int queue = Key_getReqQueue(key);
-    const int sent = managerListens ? kt4IpcSend(queue, msg, KT4_TASK_READY_MSG_LEN)
-                                    : kt4IpcNonGuaranteedSend(queue, msg, KT4_TASK_READY_MSG_LEN);
+    const int sent = kt4IpcSend(Key_getReqQueue(key), msg, KT4_TASK_READY_MSG_LEN);
     if (sent < 0) return -1;
     (void)kt4::tme::mark_ready(service, instance, static_cast<int>(pid));
     return 0;

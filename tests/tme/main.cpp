@@ -105,6 +105,15 @@ std::vector<unsigned char> RawSocket::recv(int timeout_ms, uint32_t *from, uint1
     return buf;
 }
 
+bool RawSocket::send(uint32_t addr, uint16_t port, const std::vector<unsigned char> &bytes) {
+    sockaddr_in sa{};
+    sa.sin_family = AF_INET;
+    sa.sin_addr.s_addr = htonl(addr);
+    sa.sin_port = htons(port);
+    return sendto(fd_, bytes.data(), bytes.size(), 0, reinterpret_cast<sockaddr *>(&sa),
+                  sizeof sa) == static_cast<ssize_t>(bytes.size());
+}
+
 WaitRecorder::WaitRecorder(void (*action)(int, void *), void *arg) : action_(action), arg_(arg) {
     kt4_tmeSetRetryWait(&WaitRecorder::hook, this);
 }

@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <future>
 #include <unistd.h>
 
@@ -15,7 +16,11 @@ void be32_at(std::vector<unsigned char> &v, size_t off, uint32_t x) {
     v[off + 3] = static_cast<unsigned char>(x);
 }
 
-TEST(TaskReady, SendsTheSeventyTwoByteMessageToTheTaskManager) {
+// The announcement goes through kt4IpcSend: with guaranteed delivery on (every process's
+// default) the first message to the manager is a guaranteed first send (command type 9) that
+// completes when the manager acknowledges it with command type 8.
+TEST(TaskReady, SendsTheSeventyTwoByteMessageAndWaitsForTheManagersAcknowledgement) {
+    ASSERT_EQ(kt4IsIpcGuaranteedEnabled(), 1u);
     const uint32_t tmeAddr = kt4_sysGetIpAddr();
     const uint32_t tmeInst = kt4_sysGetInstance();
     ASSERT_EQ(tmeAddr, tmetest::card_addr());
@@ -26,8 +31,8 @@ TEST(TaskReady, SendsTheSeventyTwoByteMessageToTheTaskManager) {
 
     const int service = 140, instance = 3;
     const int key = kt4GetTaskKeyFromServiceAndInst(service, instance);
-    // Start-up opens the endpoint and announces the task.
-    ASSERT_EQ(kt4TaskStartup(key, 0), key);
+    // Start-up opens the endpoint and announces the task; it waits for the acknowledgement.
+    auto startup = std::async(std::launch::async, [key] { return kt4TaskStartup(key, 0); });
 
     uint32_t from = 0;
     uint16_t fromPort = 0;
@@ -38,6 +43,7 @@ TEST(TaskReady, SendsTheSeventyTwoByteMessageToTheTaskManager) {
 
     std::vector<unsigned char> want(72, 0);
     be32_at(want, 0, 0xFEEDBEAF);
+    want[4] = 9; // first guaranteed message to this target, sequence 0
     be32_at(want, 8, 72);
     be32_at(want, 12, 1601);
     be32_at(want, 24, 15);
@@ -52,9 +58,31 @@ TEST(TaskReady, SendsTheSeventyTwoByteMessageToTheTaskManager) {
     be32_at(want, 68, static_cast<uint32_t>(service));
     EXPECT_EQ(got, want);
 
-    // Announcing again sends the same message again.
-    ASSERT_EQ(kt4TaskReady(key), 0);
-    EXPECT_EQ(tme.recv(2000), want);
+    // The manager's acknowledgement: the header alone, command type 8, the message's type,
+    // tag and transaction, the triples exchanged, to the sender's response queue.
+    auto ack_of = [](const std::vector<unsigned char> &m) {
+        std::vector<unsigned char> ack(m.begin(), m.begin() + 60);
+        ack[4] = m[4] == 9 ? 8 : 6;
+        ack[5] = 0;
+        be32_at(ack, 8, 60);
+        std::copy(m.begin() + 48, m.begin() + 60, ack.begin() + 36);
+        std::copy(m.begin() + 36, m.begin() + 48, ack.begin() + 48);
+        return ack;
+    };
+    ASSERT_TRUE(tme.send(tmetest::card_addr(), static_cast<uint16_t>(key | 2), ack_of(got)));
+    EXPECT_EQ(startup.get(), key);
+    // Acknowledged once: no second try reaches the manager.
+    EXPECT_TRUE(tme.recv(1200).empty());
+
+    // The next announcement is a plain guaranteed send with the next sequence number.
+    auto again = std::async(std::launch::async, [key] { return kt4TaskReady(key); });
+    got = tme.recv(2000);
+    ASSERT_EQ(got.size(), 72u);
+    EXPECT_EQ(got[4], 7);
+    EXPECT_EQ(got[7], 1);
+    EXPECT_TRUE(std::equal(got.begin() + 8, got.end(), want.begin() + 8));
+    ASSERT_TRUE(tme.send(tmetest::card_addr(), static_cast<uint16_t>(key | 2), ack_of(got)));
+    EXPECT_EQ(again.get(), 0);
 
     kt4IpcClose(key);
     // Without an open request queue there is nothing to send from.

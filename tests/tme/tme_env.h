@@ -37,6 +37,7 @@ class RawSocket {
     // A datagram within timeout_ms (its bytes, and the sender's address and port), or empty.
     std::vector<unsigned char> recv(int timeout_ms, uint32_t *from = nullptr,
                                     uint16_t *port = nullptr);
+    bool send(uint32_t addr, uint16_t port, const std::vector<unsigned char> &bytes);
 
   private:
     int fd_ = -1;
