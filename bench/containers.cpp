@@ -8,7 +8,11 @@
 //   free indexes    get / release           vs a std::set of free ids
 //
 // Each benchmark times one phase over all keys and reports ns per operation; the table printed
-// at the end gives each container's time over its baseline's.
+// at the end gives each container's time over its baseline's. Every phase counts what it
+// achieved (entries inserted, keys found with the right record, entries removed, ids handed
+// out in the expected order) and checks the count after the phase: a phase that did less than
+// it claims is an error, not a figure, and the program then exits non-zero. The checks are the
+// same cheap compare on both sides of a pair, and they consume every result.
 #include <kt4/containers.h>
 
 #include <benchmark/benchmark.h>
@@ -64,6 +68,18 @@ std::vector<Rec> make_records() {
     return r;
 }
 
+bool g_failed = false;
+
+// Checks a phase's count after the phase; false (and the run marked failed) when it is off.
+bool expect(benchmark::State &state, const char *what, size_t got, size_t want) {
+    if (got == want) return true;
+    char why[128];
+    std::snprintf(why, sizeof why, "%s: %zu, expected %zu", what, got, want);
+    state.SkipWithError(why);
+    g_failed = true;
+    return false;
+}
+
 // Times one phase per iteration and gives ns per key. The figure is the thread's CPU time:
 // the machine is shared, and wall time would charge us for other processes' turns. The wall
 // time of the phase is what the iteration reports.
@@ -80,6 +96,7 @@ class Phase {
         state_.SetIterationTime(dt);
     }
     void finish(size_t ops) {
+        if (state_.error_occurred()) return; // a failed run gives no figure
         const double n = static_cast<double>(state_.iterations()) * static_cast<double>(ops);
         state_.counters["ns/op"] = n > 0 ? cpu_ * 1e9 / n : 0;
     }
@@ -138,11 +155,13 @@ void BM_RBTree_Insert(benchmark::State &state) {
         if (pool) NodePool::reset();
         kt4RBTree *t = kt4RBTreeCreate("bench", 0, 4, pool ? NodePool::alloc : nullptr,
                                        pool ? NodePool::release : nullptr, _RBTCompareUL);
+        size_t inserted = 0;
         ph.time([&] {
             for (auto &r : recs)
-                kt4RBTreeInsert(t, &r);
+                inserted += kt4RBTreeInsert(t, &r) == 1;
         });
         drain_rb(t);
+        if (!expect(state, "inserted", inserted, kKeys)) break;
     }
     ph.finish(kKeys);
 }
@@ -153,13 +172,16 @@ void BM_RBTree_Find(benchmark::State &state) {
     auto recs = make_records();
     kt4RBTree *t = build_rb(recs, pool);
     for (auto _ : state) {
+        size_t found = 0;
         ph.time([&] {
             Rec probe{0, 0};
             for (uint32_t k : data().probe) {
                 probe.key = k;
-                benchmark::DoNotOptimize(kt4RBTreeGetExact(t, &probe));
+                auto *r = static_cast<Rec *>(kt4RBTreeGetExact(t, &probe));
+                found += r != nullptr && r->key == k;
             }
         });
+        if (!expect(state, "found", found, kKeys)) break;
     }
     drain_rb(t);
     ph.finish(kKeys);
@@ -171,14 +193,22 @@ void BM_RBTree_Erase(benchmark::State &state) {
     auto recs = make_records();
     for (auto _ : state) {
         kt4RBTree *t = build_rb(recs, pool);
+        size_t removed = 0;
         ph.time([&] {
             Rec probe{0, 0};
             for (uint32_t k : data().probe) {
                 probe.key = k;
-                benchmark::DoNotOptimize(kt4RBTreeRemove(t, &probe));
+                auto *r = static_cast<Rec *>(kt4RBTreeRemove(t, &probe));
+                removed += r != nullptr && r->key == k;
             }
         });
-        kt4RBTreeDestroy(t);
+        const bool empty = kt4RBTreeGetFirst(t) == nullptr;
+        if (!empty)
+            drain_rb(t);
+        else
+            kt4RBTreeDestroy(t);
+        if (!expect(state, "removed", removed, kKeys) || !expect(state, "left over", !empty, 0))
+            break;
     }
     ph.finish(kKeys);
 }
@@ -188,10 +218,12 @@ void BM_StdMap_Insert(benchmark::State &state) {
     auto recs = make_records();
     for (auto _ : state) {
         std::map<uint32_t, Rec *> m;
+        size_t inserted = 0;
         ph.time([&] {
             for (auto &r : recs)
-                m.emplace(r.key, &r);
+                inserted += m.emplace(r.key, &r).second;
         });
+        if (!expect(state, "inserted", inserted, kKeys)) break;
     }
     ph.finish(kKeys);
 }
@@ -203,10 +235,14 @@ void BM_StdMap_Find(benchmark::State &state) {
     for (auto &r : recs)
         m.emplace(r.key, &r);
     for (auto _ : state) {
+        size_t found = 0;
         ph.time([&] {
-            for (uint32_t k : data().probe)
-                benchmark::DoNotOptimize(m.find(k));
+            for (uint32_t k : data().probe) {
+                auto it = m.find(k);
+                found += it != m.end() && it->second->key == k;
+            }
         });
+        if (!expect(state, "found", found, kKeys)) break;
     }
     ph.finish(kKeys);
 }
@@ -218,10 +254,13 @@ void BM_StdMap_Erase(benchmark::State &state) {
         std::map<uint32_t, Rec *> m;
         for (auto &r : recs)
             m.emplace(r.key, &r);
+        size_t removed = 0;
         ph.time([&] {
             for (uint32_t k : data().probe)
-                benchmark::DoNotOptimize(m.erase(k));
+                removed += m.erase(k);
         });
+        if (!expect(state, "removed", removed, kKeys) || !expect(state, "left over", m.size(), 0))
+            break;
     }
     ph.finish(kKeys);
 }
@@ -241,6 +280,7 @@ void BM_StdMultiset_Insert(benchmark::State &state) {
             for (auto &r : recs)
                 s.insert(&r);
         });
+        if (!expect(state, "inserted", s.size(), kKeys)) break;
     }
     ph.finish(kKeys);
 }
@@ -252,13 +292,16 @@ void BM_StdMultiset_Find(benchmark::State &state) {
     for (auto &r : recs)
         s.insert(&r);
     for (auto _ : state) {
+        size_t found = 0;
         ph.time([&] {
             Rec probe{0, 0};
             for (uint32_t k : data().probe) {
                 probe.key = k;
-                benchmark::DoNotOptimize(s.find(&probe));
+                auto it = s.find(&probe);
+                found += it != s.end() && (*it)->key == k;
             }
         });
+        if (!expect(state, "found", found, kKeys)) break;
     }
     ph.finish(kKeys);
 }
@@ -270,13 +313,19 @@ void BM_StdMultiset_Erase(benchmark::State &state) {
         RecSet s;
         for (auto &r : recs)
             s.insert(&r);
+        size_t removed = 0;
         ph.time([&] {
             Rec probe{0, 0};
             for (uint32_t k : data().probe) {
                 probe.key = k;
-                s.erase(s.find(&probe));
+                auto it = s.find(&probe);
+                if (it == s.end()) continue;
+                s.erase(it);
+                ++removed;
             }
         });
+        if (!expect(state, "removed", removed, kKeys) || !expect(state, "left over", s.size(), 0))
+            break;
     }
     ph.finish(kKeys);
 }
@@ -297,6 +346,16 @@ std::vector<AvlRec> make_avl_records() {
     return v;
 }
 
+void count_node(kt4AvlNode *, void *arg) {
+    ++*static_cast<size_t *>(arg);
+}
+
+size_t avl_size(kt4AvlNode *root) {
+    size_t n = 0;
+    TREE_FORWARD_APPLY_ALL(root, count_node, &n);
+    return n;
+}
+
 kt4AvlCb avl_cb() {
     kt4AvlCb cb{};
     kt4Be32Set(&cb.avl_keylen, 4);
@@ -309,10 +368,16 @@ void BM_Avl_Insert(benchmark::State &state) {
     kt4AvlCb cb = avl_cb();
     for (auto _ : state) {
         kt4AvlNode *root = nullptr;
+        size_t inserted = 0;
         ph.time([&] {
             for (auto &r : recs)
-                kt4AvlInsertNode(&cb, &r.node, &root);
+                inserted += kt4AvlInsertNode(&cb, &r.node, &root) == &r.node;
         });
+        // The records are inserted again next round over the links of this one: the walk
+        // shows that the tree really holds every node.
+        if (!expect(state, "inserted", inserted, kKeys) ||
+            !expect(state, "nodes in the tree", avl_size(root), kKeys))
+            break;
     }
     ph.finish(kKeys);
 }
@@ -325,12 +390,15 @@ void BM_Avl_Find(benchmark::State &state) {
     for (auto &r : recs)
         kt4AvlInsertNode(&cb, &r.node, &root);
     for (auto _ : state) {
+        size_t found = 0;
         ph.time([&] {
             for (uint32_t k : data().probe) {
                 const uint32_t be = __builtin_bswap32(k);
-                benchmark::DoNotOptimize(kt4AvlGetExact(&cb, &be, &root));
+                auto *n = reinterpret_cast<AvlRec *>(kt4AvlGetExact(&cb, &be, &root));
+                found += n != nullptr && std::memcmp(n->key, &be, 4) == 0;
             }
         });
+        if (!expect(state, "found", found, kKeys)) break;
     }
     ph.finish(kKeys);
 }
@@ -351,6 +419,8 @@ void BM_Avl_Erase(benchmark::State &state) {
                 kt4AvlRemoveNode(&cb, &probe.node, &root);
             }
         });
+        // Removal returns nothing: an empty tree afterwards shows every key was removed.
+        if (!expect(state, "left over", avl_size(root), 0)) break;
     }
     ph.finish(kKeys);
 }
@@ -387,8 +457,11 @@ void BM_Hash_Insert(benchmark::State &state) {
     for (auto _ : state) {
         kt4HashTable *h = kt4HashCreate(kBuckets, nullptr, nullptr);
         ph.time([&] { fill_hash(h, recs); });
+        uint32_t total = 0, depth, inserts, maxDepth;
+        kt4HashStat(h, 0, &total, &depth, &inserts, &maxDepth);
         kt4HashInit(h);
         kt4HashDestroy(h);
+        if (!expect(state, "entries in the table", total, kKeys)) break;
     }
     ph.finish(kKeys);
 }
@@ -399,12 +472,15 @@ void BM_Hash_Find(benchmark::State &state) {
     kt4HashTable *h = kt4HashCreate(kBuckets, nullptr, nullptr);
     fill_hash(h, recs);
     for (auto _ : state) {
+        size_t found = 0;
         ph.time([&] {
             kt4HashBucket *cur;
-            for (uint32_t k : data().probe)
-                benchmark::DoNotOptimize(
-                    kt4HashFind(h, &cur, kt4HashGetKey(h, &k, 4), match_key, k));
+            for (uint32_t k : data().probe) {
+                kt4DLLLink *e = kt4HashFind(h, &cur, kt4HashGetKey(h, &k, 4), match_key, k);
+                found += e != nullptr && KT4_CONTAINER_OF(e, HashRec, link)->key == k;
+            }
         });
+        if (!expect(state, "found", found, kKeys)) break;
     }
     kt4HashInit(h);
     kt4HashDestroy(h);
@@ -417,14 +493,22 @@ void BM_Hash_Erase(benchmark::State &state) {
     for (auto _ : state) {
         kt4HashTable *h = kt4HashCreate(kBuckets, nullptr, nullptr);
         fill_hash(h, recs);
+        size_t removed = 0;
         ph.time([&] {
             kt4HashBucket *cur;
             for (uint32_t k : data().probe) {
                 kt4DLLLink *e = kt4HashFind(h, &cur, kt4HashGetKey(h, &k, 4), match_key, k);
+                if (e == nullptr) continue;
                 kt4HashRemove(h, &cur, e);
+                ++removed;
             }
         });
+        uint32_t total = 0, depth, inserts, maxDepth;
+        kt4HashStat(h, 0, &total, &depth, &inserts, &maxDepth);
+        if (total != 0) kt4HashInit(h);
         kt4HashDestroy(h);
+        if (!expect(state, "removed", removed, kKeys) || !expect(state, "left over", total, 0))
+            break;
     }
     ph.finish(kKeys);
 }
@@ -434,10 +518,12 @@ void BM_StdUnorderedMap_Insert(benchmark::State &state) {
     auto recs = make_hash_records();
     for (auto _ : state) {
         std::unordered_map<uint32_t, HashRec *> m;
+        size_t inserted = 0;
         ph.time([&] {
             for (auto &r : recs)
-                m.emplace(r.key, &r);
+                inserted += m.emplace(r.key, &r).second;
         });
+        if (!expect(state, "inserted", inserted, kKeys)) break;
     }
     ph.finish(kKeys);
 }
@@ -449,10 +535,14 @@ void BM_StdUnorderedMap_Find(benchmark::State &state) {
     for (auto &r : recs)
         m.emplace(r.key, &r);
     for (auto _ : state) {
+        size_t found = 0;
         ph.time([&] {
-            for (uint32_t k : data().probe)
-                benchmark::DoNotOptimize(m.find(k));
+            for (uint32_t k : data().probe) {
+                auto it = m.find(k);
+                found += it != m.end() && it->second->key == k;
+            }
         });
+        if (!expect(state, "found", found, kKeys)) break;
     }
     ph.finish(kKeys);
 }
@@ -464,10 +554,13 @@ void BM_StdUnorderedMap_Erase(benchmark::State &state) {
         std::unordered_map<uint32_t, HashRec *> m;
         for (auto &r : recs)
             m.emplace(r.key, &r);
+        size_t removed = 0;
         ph.time([&] {
             for (uint32_t k : data().probe)
-                benchmark::DoNotOptimize(m.erase(k));
+                removed += m.erase(k);
         });
+        if (!expect(state, "removed", removed, kKeys) || !expect(state, "left over", m.size(), 0))
+            break;
     }
     ph.finish(kKeys);
 }
@@ -483,12 +576,14 @@ void BM_FreeIndex_Get(benchmark::State &state) {
     for (auto _ : state) {
         kt4FreeIndexList l;
         kt4FreeIndexListInit(1, kKeys, kt4FreeIndexMalloc, kt4FreeIndexFree, &l);
+        size_t inOrder = 0; // ids handed out lowest first: 1, 2, 3, ...
         ph.time([&] {
             uint32_t id;
             for (size_t i = 0; i < kKeys; ++i)
-                kt4FreeIndexGet(&l, &id);
+                inOrder += kt4FreeIndexGet(&l, &id) == 0 && id == i + 1;
         });
         kt4FreeIndexListDestroy(&l);
+        if (!expect(state, "ids handed out in order", inOrder, kKeys)) break;
     }
     ph.finish(kKeys);
 }
@@ -501,11 +596,13 @@ void BM_FreeIndex_Release(benchmark::State &state) {
         uint32_t id;
         for (size_t i = 0; i < kKeys; ++i)
             kt4FreeIndexGet(&l, &id);
+        size_t released = 0;
         ph.time([&] {
             for (uint32_t i = 1; i <= kKeys; ++i)
-                kt4FreeIndexRelease(&l, i);
+                released += kt4FreeIndexRelease(&l, i) == 0;
         });
         kt4FreeIndexListDestroy(&l);
+        if (!expect(state, "released", released, kKeys)) break;
     }
     ph.finish(kKeys);
 }
@@ -516,6 +613,7 @@ constexpr size_t kChurnOps = 100'000;
 struct Churn {
     std::vector<uint32_t> initially_free;
     std::vector<uint32_t> releases;
+    uint64_t gotSum = 0; // sum of the ids the gets return
     explicit Churn(size_t free_count) {
         std::mt19937 rng(9);
         std::vector<uint32_t> ids(kKeys);
@@ -531,6 +629,7 @@ struct Churn {
             if (free_set.count(id)) continue;
             releases.push_back(id);
             free_set.insert(id);
+            gotSum += *free_set.begin();
             free_set.erase(free_set.begin());
         }
     }
@@ -547,13 +646,18 @@ void BM_FreeIndex_Churn(benchmark::State &state) {
             kt4FreeIndexGet(&l, &id);
         for (uint32_t f : churn.initially_free)
             kt4FreeIndexRelease(&l, f);
+        size_t done = 0;
+        uint64_t gotSum = 0;
         ph.time([&] {
             for (uint32_t r : churn.releases) {
-                kt4FreeIndexRelease(&l, r);
-                kt4FreeIndexGet(&l, &id);
+                done += kt4FreeIndexRelease(&l, r) == 0 && kt4FreeIndexGet(&l, &id) == 0;
+                gotSum += id;
             }
         });
         kt4FreeIndexListDestroy(&l);
+        if (!expect(state, "release/get pairs", done, kChurnOps) ||
+            !expect(state, "sum of the ids got", gotSum, churn.gotSum))
+            break;
     }
     ph.finish(kChurnOps);
 }
@@ -564,12 +668,14 @@ void BM_StdSet_Get(benchmark::State &state) {
         std::set<uint32_t> s;
         for (uint32_t i = 1; i <= kKeys; ++i)
             s.insert(s.end(), i);
+        size_t inOrder = 0;
         ph.time([&] {
             for (size_t i = 0; i < kKeys; ++i) {
-                benchmark::DoNotOptimize(*s.begin());
+                inOrder += *s.begin() == i + 1;
                 s.erase(s.begin());
             }
         });
+        if (!expect(state, "ids handed out in order", inOrder, kKeys)) break;
     }
     ph.finish(kKeys);
 }
@@ -578,10 +684,12 @@ void BM_StdSet_Release(benchmark::State &state) {
     Phase ph(state);
     for (auto _ : state) {
         std::set<uint32_t> s;
+        size_t released = 0;
         ph.time([&] {
             for (uint32_t i = 1; i <= kKeys; ++i)
-                s.insert(i);
+                released += s.insert(i).second;
         });
+        if (!expect(state, "released", released, kKeys)) break;
     }
     ph.finish(kKeys);
 }
@@ -591,13 +699,18 @@ void BM_StdSet_Churn(benchmark::State &state) {
     Churn churn(static_cast<size_t>(state.range(0)));
     for (auto _ : state) {
         std::set<uint32_t> s(churn.initially_free.begin(), churn.initially_free.end());
+        size_t done = 0;
+        uint64_t gotSum = 0;
         ph.time([&] {
             for (uint32_t r : churn.releases) {
-                s.insert(r);
-                benchmark::DoNotOptimize(*s.begin());
+                done += s.insert(r).second;
+                gotSum += *s.begin();
                 s.erase(s.begin());
             }
         });
+        if (!expect(state, "release/get pairs", done, kChurnOps) ||
+            !expect(state, "sum of the ids got", gotSum, churn.gotSum))
+            break;
     }
     ph.finish(kChurnOps);
 }
@@ -633,6 +746,7 @@ class RatioReporter : public benchmark::ConsoleReporter {
   public:
     void ReportRuns(const std::vector<Run> &runs) override {
         for (const Run &r : runs) {
+            if (r.error_occurred) continue;
             auto it = r.counters.find("ns/op");
             if (it == r.counters.end()) continue;
             std::string name = r.run_name.function_name;
@@ -689,5 +803,6 @@ int main(int argc, char **argv) {
     RatioReporter reporter;
     benchmark::RunSpecifiedBenchmarks(&reporter);
     benchmark::Shutdown();
-    return 0;
+    if (g_failed) std::fprintf(stderr, "bench_containers: a phase failed its checks\n");
+    return g_failed ? 1 : 0;
 }

@@ -10,12 +10,18 @@
 // Each runs in one task and in two tasks at once (the locked ones share the partition; the
 // unlocked one gives each task its own). The summary prints ns per pair (wall time, as each
 // task sees it, and CPU time of each task) and malloc's time divided by each pool's.
+//
+// Each block carries the number of the iteration that allocated it, checked when it is freed
+// 32 iterations later: two live blocks that overlap, or a refused free, fail the run (an
+// error, not a figure; the program then exits non-zero). Both sides pay the same store, load
+// and compare.
 #include <kt4/mem.h>
 
 #include <benchmark/benchmark.h>
 
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <map>
 #include <string>
 #include <vector>
@@ -34,38 +40,68 @@ int sizeIndex(int size) {
     return 0;
 }
 
-void setUpPools() {
-    kt4_memPartFixedInit(kPartLocked, 5);
+bool g_failed = false;
+
+// false (with the failing call on the console) when a partition or pool could not be set up:
+// an unlocked partition left locked would measure the locked one under the other's name.
+bool setUpPools() {
+    bool ok = true;
+    auto check = [&](int rc, const char *what, int id) {
+        if (rc != 0) {
+            std::fprintf(stderr, "bench_mem: %s %d failed (%d)\n", what, id, rc);
+            ok = false;
+        }
+    };
+    check(kt4_memPartFixedInit(kPartLocked, 5), "kt4_memPartFixedInit", kPartLocked);
     for (int t = 0; t < 2; ++t) {
-        kt4_memPartFixedInit(kPartOwn0 + t, 5);
-        kt4_memPartSetLocking(kPartOwn0 + t, FALSE);
+        check(kt4_memPartFixedInit(kPartOwn0 + t, 5), "kt4_memPartFixedInit", kPartOwn0 + t);
+        check(kt4_memPartSetLocking(kPartOwn0 + t, FALSE), "kt4_memPartSetLocking", kPartOwn0 + t);
     }
     for (int i = 0; i < 5; ++i) {
         const uint32_t sz = static_cast<uint32_t>(kSizes[i]);
-        M_memPoolCreate("bench", KT4_MEM_POOL_ID(kPartLocked, i), sz);
-        for (int t = 0; t < 2; ++t)
-            M_memPoolCreate("bench", KT4_MEM_POOL_ID(kPartOwn0 + t, i), sz);
+        const int locked = KT4_MEM_POOL_ID(kPartLocked, i);
+        check(M_memPoolCreate("bench", locked, sz) < 0 ? -1 : 0, "M_memPoolCreate", locked);
+        for (int t = 0; t < 2; ++t) {
+            const int own = KT4_MEM_POOL_ID(kPartOwn0 + t, i);
+            check(M_memPoolCreate("bench", own, sz) < 0 ? -1 : 0, "M_memPoolCreate", own);
+        }
     }
     const uint32_t classes[] = {16, 64, 256, 1024, 4096};
-    kt4_memPartVarInit(kPartVar, "bench", classes, 5);
+    check(kt4_memPartVarInit(kPartVar, "bench", classes, 5), "kt4_memPartVarInit", kPartVar);
+    return ok;
 }
 
 template <typename Alloc, typename Free>
 void run(benchmark::State &state, Alloc alloc, Free release) {
     void *held[kHeld] = {};
     unsigned i = 0;
+    size_t bad = 0; // blocks found overwritten, frees refused
     for (auto _ : state) {
-        void *&slot = held[i++ % kHeld];
-        if (slot != nullptr) release(slot);
+        void *&slot = held[i % kHeld];
+        if (slot != nullptr) {
+            unsigned tag;
+            std::memcpy(&tag, slot, sizeof tag);
+            bad += tag != i - kHeld;
+            bad += release(slot) != OK;
+        }
         slot = alloc();
         if (slot == nullptr) {
             state.SkipWithError("allocation failed");
+            g_failed = true;
             break;
         }
-        *static_cast<volatile char *>(slot) = 1;
+        benchmark::DoNotOptimize(slot);
+        std::memcpy(slot, &i, sizeof i);
+        ++i;
     }
     for (void *p : held)
         if (p != nullptr) release(p);
+    if (bad != 0 && !state.error_occurred()) {
+        char why[96];
+        std::snprintf(why, sizeof why, "%zu blocks overwritten while held or frees refused", bad);
+        state.SkipWithError(why);
+        g_failed = true;
+    }
 }
 
 void FixedLocked(benchmark::State &state) {
@@ -73,7 +109,7 @@ void FixedLocked(benchmark::State &state) {
     const int pool = KT4_MEM_POOL_ID(kPartLocked, sizeIndex(static_cast<int>(size)));
     run(
         state, [&] { return M_memBlockAlloc(__FILE__, __LINE__, size, pool); },
-        [](void *p) { M_memBlockFree(__FILE__, __LINE__, p); });
+        [](void *p) { return M_memBlockFree(__FILE__, __LINE__, p); });
 }
 
 void FixedUnlocked(benchmark::State &state) {
@@ -82,20 +118,24 @@ void FixedUnlocked(benchmark::State &state) {
         KT4_MEM_POOL_ID(kPartOwn0 + state.thread_index(), sizeIndex(static_cast<int>(size)));
     run(
         state, [&] { return M_memBlockAlloc(__FILE__, __LINE__, size, pool); },
-        [](void *p) { M_memBlockFree(__FILE__, __LINE__, p); });
+        [](void *p) { return M_memBlockFree(__FILE__, __LINE__, p); });
 }
 
 void Var(benchmark::State &state) {
     const uint32_t size = static_cast<uint32_t>(state.range(0));
     run(
         state, [&] { return M_memBlockVarAlloc(__FILE__, __LINE__, size, kPartVar); },
-        [](void *p) { M_memBlockVarFree(__FILE__, __LINE__, p, kPartVar); });
+        [](void *p) { return M_memBlockVarFree(__FILE__, __LINE__, p, kPartVar); });
 }
 
 void Malloc(benchmark::State &state) {
     const size_t size = static_cast<size_t>(state.range(0));
     run(
-        state, [&] { return std::malloc(size); }, [](void *p) { std::free(p); });
+        state, [&] { return std::malloc(size); },
+        [](void *p) {
+            std::free(p);
+            return OK;
+        });
 }
 
 void sizes(benchmark::internal::Benchmark *b) {
@@ -147,7 +187,7 @@ void table(const Collect &c, bool cpu) {
 } // namespace
 
 int main(int argc, char **argv) {
-    setUpPools();
+    if (!setUpPools()) return 1;
     benchmark::Initialize(&argc, argv);
     if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
     Collect reporter;
@@ -155,5 +195,6 @@ int main(int argc, char **argv) {
     table(reporter, false);
     table(reporter, true);
     benchmark::Shutdown();
-    return 0;
+    if (g_failed) std::fprintf(stderr, "bench_mem: a run failed its checks\n");
+    return g_failed ? 1 : 0;
 }

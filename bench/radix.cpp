@@ -8,6 +8,13 @@
 // table, a fifth anywhere), and version walks: all entries, and the 0.1% changed since a given
 // version, where the tree skips the unchanged regions and the baseline must scan everything.
 // The nodes come from the tree's default hooks (the checked allocator), as callers get them.
+//
+// What is timed is checked: every insert must take its own entry; the tree and the baseline
+// must give the same best match for every address the look-up loops use (checked before
+// anything is timed); and both walks must visit exactly the entries whose version is in range,
+// counted from the baseline's copy of the stamps. The changes that the second walk looks for
+// are made once, before either side's run, so both sides look for the same ones. A run that
+// fails is an error, not a figure; the program then exits non-zero.
 #include <kt4/radix.h>
 
 #include <benchmark/benchmark.h>
@@ -149,7 +156,9 @@ Key128 v6_mask(const Key128 &k, int len) {
 struct HashV4 {
     std::array<std::unordered_map<uint32_t, Route *>, 33> byLen;
     std::vector<int> lengths; // non-empty, longest first
-    void insert(Route &r) { byLen[static_cast<size_t>(r.len)][v4_word(r.addr)] = &r; }
+    bool insert(Route &r) {
+        return byLen[static_cast<size_t>(r.len)].try_emplace(v4_word(r.addr), &r).second;
+    }
     void finish() {
         lengths.clear();
         for (int l = 32; l >= 0; --l)
@@ -169,7 +178,9 @@ struct HashV4 {
 struct HashV6 {
     std::array<std::unordered_map<Key128, Route *, Hash128>, 129> byLen;
     std::vector<int> lengths;
-    void insert(Route &r) { byLen[static_cast<size_t>(r.len)][v6_key(r.addr)] = &r; }
+    bool insert(Route &r) {
+        return byLen[static_cast<size_t>(r.len)].try_emplace(v6_key(r.addr), &r).second;
+    }
     void finish() {
         lengths.clear();
         for (int l = 128; l >= 0; --l)
@@ -244,10 +255,17 @@ struct Data {
         // Every entry changed once (version i + 1): the state after a full download.
         for (auto &r : v4)
             r.version = kt4RadixSetVersion(t4, &r.rth);
-        // The answers agree before anything is timed.
-        for (size_t i = 0; i < 20000; ++i) {
-            if (static_cast<void *>(kt4RadixGetBest(t4, a4[i].data(), 32)) !=
-                    static_cast<void *>(h4.best(a4[i].data())) ||
+        // The answers agree, for every address the look-up loops use, before anything is
+        // timed. The arena tree holds copies of the records: its answer is the copy of the
+        // baseline's.
+        auto arena_copy = [&](const Route *r) -> const void * {
+            return r == nullptr ? nullptr : &v4arena[static_cast<size_t>(r - v4.data())];
+        };
+        for (size_t i = 0; i < kLookups; ++i) {
+            const Route *b4 = h4.best(a4[i].data());
+            if (static_cast<void *>(kt4RadixGetBest(t4, a4[i].data(), 32)) != b4 ||
+                static_cast<const void *>(kt4RadixGetBest(t4arena, a4[i].data(), 32)) !=
+                    arena_copy(b4) ||
                 static_cast<void *>(kt4RadixGetBest(t6, a6[i].data(), 128)) !=
                     static_cast<void *>(h6.best(a6[i].data()))) {
                 std::fprintf(stderr, "radix and hash baseline disagree at %zu\n", i);
@@ -274,17 +292,35 @@ std::vector<Route> copy_routes(const std::vector<Route> &from) {
     return v;
 }
 
+bool g_failed = false;
+
+void fail(benchmark::State &state, const std::string &why) {
+    state.SkipWithError(why.c_str());
+    g_failed = true;
+}
+
+bool expect(benchmark::State &state, const char *what, size_t got, size_t want) {
+    if (got == want) return true;
+    fail(state,
+         std::string(what) + ": " + std::to_string(got) + ", expected " + std::to_string(want));
+    return false;
+}
+
 template <int Bits> void BM_RadixInsert(benchmark::State &state) {
     std::vector<Route> routes = copy_routes(Bits == 32 ? data().v4 : data().v6);
     for (auto _ : state) {
+        state.PauseTiming();
         kt4RadixTree *t = kt4RadixCreate("insert", Bits, nullptr, nullptr, nullptr);
+        state.ResumeTiming();
+        size_t inserted = 0;
         for (auto &r : routes)
-            kt4RadixInsert(t, &r.rth, r.len);
+            inserted += kt4RadixInsert(t, &r.rth, r.len) == &r.rth;
         state.PauseTiming();
         for (auto &r : routes)
             kt4RadixRemove(t, &r.rth);
         kt4RadixDestroy(t);
         state.ResumeTiming();
+        if (!expect(state, "inserted", inserted, routes.size())) break;
     }
     state.SetItemsProcessed(static_cast<int64_t>(state.iterations() * routes.size()));
 }
@@ -292,23 +328,29 @@ template <int Bits> void BM_RadixInsert(benchmark::State &state) {
 template <int Bits> void BM_HashInsert(benchmark::State &state) {
     std::vector<Route> routes = copy_routes(Bits == 32 ? data().v4 : data().v6);
     for (auto _ : state) {
+        size_t inserted = 0;
         if constexpr (Bits == 32) {
+            state.PauseTiming();
             auto h = std::make_unique<HashV4>();
+            state.ResumeTiming();
             for (auto &r : routes)
-                h->insert(r);
+                inserted += h->insert(r);
             h->finish();
             state.PauseTiming();
             h.reset();
             state.ResumeTiming();
         } else {
+            state.PauseTiming();
             auto h = std::make_unique<HashV6>();
+            state.ResumeTiming();
             for (auto &r : routes)
-                h->insert(r);
+                inserted += h->insert(r);
             h->finish();
             state.PauseTiming();
             h.reset();
             state.ResumeTiming();
         }
+        if (!expect(state, "inserted", inserted, routes.size())) break;
     }
     state.SetItemsProcessed(static_cast<int64_t>(state.iterations() * routes.size()));
 }
@@ -358,10 +400,19 @@ int count_visit(kt4RadixEntry *, va_list *args) {
     return 0;
 }
 
-// Walks the entries changed since min; arg 0: every entry, else that many changed of 1M.
-void BM_RadixVersionWalk(benchmark::State &state) {
+// The version range a walk asks for and how many entries lie in it. Arg 0: every entry
+// (versions from 1); else that many random changes (duplicates folded), made once and shared
+// by both sides, whichever runs first.
+struct Changes {
+    uint64_t min;
+    size_t expected;
+};
+
+const Changes &changes(size_t changed) {
+    static std::map<size_t, Changes> made;
+    auto it = made.find(changed);
+    if (it != made.end()) return it->second;
     Data &d = data();
-    const auto changed = static_cast<size_t>(state.range(0));
     uint64_t min = 1;
     if (changed != 0) {
         std::mt19937_64 rng(5);
@@ -373,10 +424,20 @@ void BM_RadixVersionWalk(benchmark::State &state) {
             r.version = kt4RadixSetVersion(d.t4, &r.rth);
         }
     }
+    size_t expected = 0;
+    for (const Route &r : d.v4)
+        expected += r.version >= min;
+    return made.emplace(changed, Changes{min, expected}).first->second;
+}
+
+void BM_RadixVersionWalk(benchmark::State &state) {
+    Data &d = data();
+    const Changes &c = changes(static_cast<size_t>(state.range(0)));
     size_t visited = 0;
     for (auto _ : state) {
         visited = 0;
-        kt4RadixVersionWalk(d.t4, nullptr, count_visit, 0, min, UINT64_MAX, nullptr, &visited);
+        kt4RadixVersionWalk(d.t4, nullptr, count_visit, 0, c.min, UINT64_MAX, nullptr, &visited);
+        if (!expect(state, "entries visited", visited, c.expected)) break;
     }
     state.SetItemsProcessed(static_cast<int64_t>(state.iterations() * visited));
     state.counters["walks/s"] =
@@ -386,19 +447,14 @@ void BM_RadixVersionWalk(benchmark::State &state) {
 // The baseline has no summary of what changed where: it scans every entry of every length.
 void BM_HashVersionScan(benchmark::State &state) {
     Data &d = data();
-    const auto changed = static_cast<size_t>(state.range(0));
-    uint64_t min = 1;
-    if (changed != 0) {
-        kt4RadixStats st;
-        kt4RadixGetStats(d.t4, &st);
-        min = st.version + 1 - changed; // the changes the tree benchmark made
-    }
+    const Changes &c = changes(static_cast<size_t>(state.range(0)));
     size_t visited = 0;
     for (auto _ : state) {
         visited = 0;
         for (int l : d.h4.lengths)
             for (auto &kv : d.h4.byLen[static_cast<size_t>(l)])
-                if (kv.second->version >= min) benchmark::DoNotOptimize(++visited);
+                if (kv.second->version >= c.min) benchmark::DoNotOptimize(++visited);
+        if (!expect(state, "entries visited", visited, c.expected)) break;
     }
     state.SetItemsProcessed(static_cast<int64_t>(state.iterations() * visited));
     state.counters["walks/s"] =
@@ -425,6 +481,7 @@ class RatioReporter : public benchmark::ConsoleReporter {
     void ReportRuns(const std::vector<Run> &runs) override {
         ConsoleReporter::ReportRuns(runs);
         for (const Run &r : runs) {
+            if (r.error_occurred) continue;
             auto it = r.counters.find("items_per_second");
             if (it != r.counters.end()) rate[r.benchmark_name()] = it->second.value;
             auto w = r.counters.find("walks/s");
@@ -464,5 +521,6 @@ int main(int argc, char **argv) {
     ratio(rep, "version walk, 1000 changed of 1M (walks)", "BM_RadixVersionWalk/1000",
           "BM_HashVersionScan/1000", true);
     benchmark::Shutdown();
-    return 0;
+    if (g_failed) std::fprintf(stderr, "bench_radix: a run failed its checks\n");
+    return g_failed ? 1 : 0;
 }

@@ -20,6 +20,9 @@
 //
 // Each benchmark reports ns per operation and per phase (thread CPU time); the summary after
 // the run gives every implementation's cost relative to the multimap at the same size.
+// Every round checks that exactly the timers not stopped fired (their number and the sum of
+// their ids, counted in the expiry callbacks) and that no start or stop was refused; a round
+// that fails is an error, not a figure, and the program then exits non-zero.
 #include <kt4/timer.h>
 
 #include <benchmark/benchmark.h>
@@ -48,6 +51,7 @@ constexpr uint16_t kSpan = 4096; // delays 1..kSpan-1 ticks
 struct Scenario {
     std::vector<uint16_t> delay;
     std::vector<uint32_t> stops; // indexes of the timers stopped, in stopping order
+    uint64_t firedIdSum = 0;     // sum of the ids of the timers that fire
 };
 
 const Scenario &scenario(size_t n) {
@@ -64,10 +68,15 @@ const Scenario &scenario(size_t n) {
     std::iota(perm.begin(), perm.end(), 0u);
     std::shuffle(perm.begin(), perm.end(), rng);
     s.stops.assign(perm.begin(), perm.begin() + static_cast<long>(n / 2));
+    for (auto it = perm.begin() + static_cast<long>(n / 2); it != perm.end(); ++it)
+        s.firedIdSum += *it;
     return cache.emplace(n, std::move(s)).first->second;
 }
 
+// What the expiry callbacks saw: how many fired and the sum of their ids.
 size_t fired_count;
+uint64_t fired_ids;
+bool g_failed = false;
 
 struct Result {
     double op, start, stop, fire; // ns
@@ -79,21 +88,35 @@ template <typename Impl> void run(benchmark::State &state, const char *name) {
     const size_t n = static_cast<size_t>(state.range(0));
     const Scenario &s = scenario(n);
     Impl impl(n);
+    if (!impl.ok) {
+        state.SkipWithError("setting up the timers failed");
+        g_failed = true;
+        return;
+    }
     double t_start = 0, t_stop = 0, t_fire = 0;
     size_t rounds = 0;
     for (auto _ : state) {
+        int refused = 0;
         double t0 = cpu_ns();
         for (size_t i = 0; i < n; ++i)
-            impl.start(i, s.delay[i]);
+            refused += impl.start(i, s.delay[i]) != 0;
         double t1 = cpu_ns();
         for (uint32_t i : s.stops)
-            impl.stop(i);
+            refused += impl.stop(i) != 0;
         double t2 = cpu_ns();
-        size_t before = fired_count;
+        const size_t before = fired_count;
+        const uint64_t idsBefore = fired_ids;
         impl.fire(n - s.stops.size());
         double t3 = cpu_ns();
-        if (fired_count - before != n - s.stops.size()) {
-            state.SkipWithError("wrong number of timers fired");
+        if (refused != 0 || fired_count - before != n - s.stops.size() ||
+            fired_ids - idsBefore != s.firedIdSum) {
+            char why[160];
+            std::snprintf(why, sizeof why,
+                          "%d starts/stops refused; %zu timers fired, %zu expected (id sums %s)",
+                          refused, fired_count - before, n - s.stops.size(),
+                          fired_ids - idsBefore == s.firedIdSum ? "agree" : "differ");
+            state.SkipWithError(why);
+            g_failed = true;
             break;
         }
         t_start += t1 - t0;
@@ -101,7 +124,7 @@ template <typename Impl> void run(benchmark::State &state, const char *name) {
         t_fire += t3 - t2;
         ++rounds;
     }
-    if (rounds == 0) return;
+    if (rounds == 0 || state.error_occurred()) return; // a failed run gives no figure
     const double half = static_cast<double>(n / 2), r = static_cast<double>(rounds);
     Result res{(t_start + t_stop + t_fire) / r / (2.0 * static_cast<double>(n)),
                t_start / r / static_cast<double>(n), t_stop / r / half, t_fire / r / half};
@@ -118,17 +141,24 @@ template <typename Impl> void run(benchmark::State &state, const char *name) {
 struct Multimap {
     using Map = std::multimap<uint64_t, uint32_t>;
     explicit Multimap(size_t n) : it(n) {}
-    void start(size_t i, uint16_t d) { it[i] = m.emplace(now + d, static_cast<uint32_t>(i)); }
-    void stop(size_t i) { m.erase(it[i]); }
+    int start(size_t i, uint16_t d) {
+        it[i] = m.emplace(now + d, static_cast<uint32_t>(i));
+        return 0;
+    }
+    int stop(size_t i) {
+        m.erase(it[i]);
+        return 0;
+    }
     void fire(size_t) {
         now += kSpan;
         while (!m.empty() && m.begin()->first <= now) {
             uint32_t id = m.begin()->second;
             m.erase(m.begin());
-            benchmark::DoNotOptimize(id);
             ++fired_count;
+            fired_ids += id;
         }
     }
+    bool ok = true;
     Map m;
     std::vector<Map::iterator> it;
     uint64_t now = 0;
@@ -141,55 +171,64 @@ struct CwRec {
     uint32_t id;
 };
 
-void cw_expired(void *) {
+void cw_expired(void *timer) {
     ++fired_count;
+    fired_ids += static_cast<CwRec *>(timer)->id;
 }
 
 struct Cartwheel {
     explicit Cartwheel(size_t n) : recs(n) {
         cw = kt4cwTimerInit(kSpan, static_cast<int32_t>(n), 1024, nullptr, nullptr, cw_expired,
                             nullptr, 0, sizeof(CwRec));
-        for (size_t i = 0; i < n; ++i) {
+        ok = cw != nullptr;
+        for (size_t i = 0; ok && i < n; ++i) {
             recs[i] = static_cast<CwRec *>(kt4cwGetTimer(cw));
+            if (recs[i] == nullptr) {
+                ok = false;
+                break;
+            }
             recs[i]->id = static_cast<uint32_t>(i);
         }
     }
     ~Cartwheel() {
+        if (cw == nullptr) return;
         for (CwRec *r : recs)
-            kt4cwFreeTimer(cw, r);
+            if (r != nullptr) kt4cwFreeTimer(cw, r);
         kt4cwTimerUnInit(cw);
     }
-    void start(size_t i, uint16_t d) { kt4cwStartTimer(cw, recs[i], d); }
-    void stop(size_t i) { kt4cwStopTimer(recs[i]); }
+    int start(size_t i, uint16_t d) { return kt4cwStartTimer(cw, recs[i], d); }
+    int stop(size_t i) { return kt4cwStopTimer(recs[i]); }
     void fire(size_t) {
         for (unsigned t = 0; t < kSpan; ++t)
             kt4cwTimerTick(cw);
     }
     tkt4cwTimerCB *cw;
     std::vector<CwRec *> recs;
+    bool ok;
 };
 
 // ---- timer library --------------------------------------------------------------------------
 
-void tl_fired(uintptr_t) {
+void tl_fired(uintptr_t id) {
     ++fired_count;
+    fired_ids += id;
 }
 
 template <int UseSem> struct TimerLib {
     explicit TimerLib(size_t n) : timers(n) {
-        kt4TmrHeadInit(&head, nullptr, nullptr, UseSem, 0);
-        for (size_t i = 0; i < n; ++i) {
+        ok = kt4TmrHeadInit(&head, nullptr, nullptr, UseSem, 0) == 0;
+        for (size_t i = 0; ok && i < n; ++i) {
             timers[i] = kt4TimerCreate(tl_fired, i, 100000, 0, &head);
-            kt4TimerDisable(timers[i], &head);
+            ok = timers[i] != nullptr && kt4TimerDisable(timers[i], &head) == 0;
         }
     }
     ~TimerLib() {
         for (kt4Timer *t : timers)
-            kt4TimerDelete(t, &head);
+            if (t != nullptr) kt4TimerDelete(t, &head);
         kt4TmrHeadDestroy(&head);
     }
-    void start(size_t i, uint16_t d) { kt4TickTimerSet(timers[i], 0, d, tl_fired, &head); }
-    void stop(size_t i) { kt4TimerDisable(timers[i], &head); }
+    int start(size_t i, uint16_t d) { return kt4TickTimerSet(timers[i], 0, d, tl_fired, &head); }
+    int stop(size_t i) { return kt4TimerDisable(timers[i], &head); }
     void fire(size_t) {
         uint64_t t = tick64Get() + kSpan;
         tick64Set(static_cast<uint32_t>(t >> 32), static_cast<uint32_t>(t));
@@ -197,6 +236,7 @@ template <int UseSem> struct TimerLib {
     }
     kt4TmrHead head{};
     std::vector<kt4Timer *> timers;
+    bool ok = false;
 };
 
 // ---- list timer -----------------------------------------------------------------------------
@@ -206,26 +246,34 @@ struct LtRec {
     uint32_t id;
 };
 
-void lt_expired(kt4ListTimerNode *) {
+void lt_expired(kt4ListTimerNode *node) {
     ++fired_count;
+    fired_ids += reinterpret_cast<LtRec *>(node)->id; // the node begins the record
 }
 
 struct ListTimer {
     explicit ListTimer(size_t n) : recs(n) {
         cb = kt4ListTimerNew(nullptr, nullptr, nullptr, lt_expired);
+        ok = cb != nullptr;
+        for (size_t i = 0; i < n; ++i)
+            recs[i].id = static_cast<uint32_t>(i);
     }
-    ~ListTimer() { kt4ListTimerDestroy(cb); }
-    void start(size_t i, uint16_t d) { kt4ListStartTimer(cb, &recs[i].node, d * 20u); }
-    void stop(size_t i) { kt4ListStopTimer(cb, &recs[i].node); }
+    ~ListTimer() {
+        if (cb != nullptr) kt4ListTimerDestroy(cb);
+    }
+    int start(size_t i, uint16_t d) { return kt4ListStartTimer(cb, &recs[i].node, d * 20u); }
+    int stop(size_t i) { return kt4ListStopTimer(cb, &recs[i].node); }
     void fire(size_t due) {
         // Ticks arrive "early" here (time is not waited for): each fires the head and the
-        // timers within the minimum timeout behind it.
+        // timers within the minimum timeout behind it. Bounded: a tick that fires nothing
+        // shows up as a wrong count, not as a hang.
         size_t until = fired_count + due;
-        while (fired_count < until)
+        for (size_t ticks = 0; fired_count < until && ticks < due; ++ticks)
             kt4ListTimerTick(cb);
     }
     kt4ListTimerCB *cb;
     std::vector<LtRec> recs;
+    bool ok;
 };
 
 void BM_Multimap(benchmark::State &s) {
@@ -295,5 +343,6 @@ int main(int argc, char **argv) {
     benchmark::RunSpecifiedBenchmarks();
     benchmark::Shutdown();
     summary();
-    return 0;
+    if (g_failed) std::fprintf(stderr, "bench_timer: a round failed its checks\n");
+    return g_failed ? 1 : 0;
 }

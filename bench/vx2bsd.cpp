@@ -3,9 +3,18 @@
 //   sem       uncontended semTake + semGive          vs  pthread_mutex_lock + unlock
 //   pingpong  binary-semaphore ping-pong, two tasks  vs  condition-variable ping-pong, two threads
 //   msgq      msgQSend/msgQReceive, two tasks        vs  mutex + condition queue, same capacity
-//   spawn     taskSpawn of a task that returns       vs  pthread_create + pthread_join
+//   spawn     taskSpawn of a task that returns       vs  pthread_create of a thread that returns,
+//             until its delete hook has run               until its exit destructor has run
 //
 // Each pair prints both results and the ratio library / baseline.
+//
+// Every far side counts what it served (pongs answered, messages received in order, spawned
+// bodies run) and each run checks those counts against its own: a run whose far side did less
+// than the loop thinks is an error, not a figure, and the program then exits non-zero. The
+// baseline's threads take the scheduling that a task of the same priority gets (learned from a
+// probe task, so a refused or switched-off real-time policy is followed too), and every worker
+// on both sides checks what it actually runs under. Both sides wait for their workers blocked,
+// never spinning, so that neither takes a core from its own workers.
 #include <kt4/vx2bsd.h>
 
 #include <benchmark/benchmark.h>
@@ -28,16 +37,103 @@ namespace {
 constexpr int kBatch = 1000;
 constexpr int kTaskPriority = 100;
 
-// Baseline threads run under the scheduling the tasks get (round robin at the mapped priority of
-// kernel priority 100) so that neither side preempts the other's competitors and not its own.
-void match_task_scheduling() {
-    const char *no_rt = std::getenv("KT4_NO_RT");
-    if (no_rt != nullptr && *no_rt != '\0' && *no_rt != '0') return;
-    int lo = sched_get_priority_min(SCHED_RR), hi = sched_get_priority_max(SCHED_RR);
-    sched_param p{};
-    p.sched_priority = lo + (254 - kTaskPriority) * (hi - lo) / 255;
-    pthread_setschedparam(pthread_self(), SCHED_RR, &p); // refused when unprivileged: fine
+// Set when any run failed its checks: the program then ends non-zero.
+bool g_failed = false;
+
+void fail(benchmark::State &state, const std::string &why) {
+    state.SkipWithError(why.c_str());
+    g_failed = true;
 }
+
+// A thread's scheduling: policy and host priority.
+struct Sched {
+    int policy = -1;
+    int priority = -1;
+    bool operator==(const Sched &o) const { return policy == o.policy && priority == o.priority; }
+    bool operator!=(const Sched &o) const { return !(*this == o); }
+};
+
+Sched sched_of_self() {
+    Sched s;
+    sched_param p{};
+    if (pthread_getschedparam(pthread_self(), &s.policy, &p) == 0) s.priority = p.sched_priority;
+    return s;
+}
+
+// What a task of kTaskPriority runs under, as the probe task found it. The baseline threads
+// take exactly that, so that neither side preempts the other's competitors and not its own.
+Sched g_taskSched;
+
+int probe(kt4_arg_t arg, kt4_arg_t, kt4_arg_t, kt4_arg_t, kt4_arg_t, kt4_arg_t, kt4_arg_t,
+          kt4_arg_t, kt4_arg_t, kt4_arg_t) {
+    g_taskSched = sched_of_self();
+    semGive(static_cast<kt4SemId>(arg));
+    return 0;
+}
+
+void take_task_sched() {
+    sched_param p{};
+    p.sched_priority = g_taskSched.priority;
+    pthread_setschedparam(pthread_self(), g_taskSched.policy, &p); // checked by the caller's run
+}
+
+// Every worker of a pair notes what it ran under; a run checks that all of them ran as a task
+// of kTaskPriority does.
+struct SchedSeen {
+    std::atomic<int> policy{-2}, priority{-2};
+    std::atomic<bool> differs{false};
+    void note() {
+        const Sched s = sched_of_self();
+        if (s != g_taskSched) {
+            policy = s.policy;
+            priority = s.priority;
+            differs = true;
+        }
+    }
+    bool check(benchmark::State &state) const {
+        if (!differs) return true;
+        char why[128];
+        std::snprintf(why, sizeof why,
+                      "a worker ran under policy %d priority %d, tasks under %d/%d", policy.load(),
+                      priority.load(), g_taskSched.policy, g_taskSched.priority);
+        fail(state, why);
+        return false;
+    }
+};
+
+// Checks that the far side counted what the loop did.
+bool check_count(benchmark::State &state, const char *what, long got, long expected) {
+    if (got == expected) return true;
+    char why[128];
+    std::snprintf(why, sizeof why, "%s: %ld, the loop expected %ld", what, got, expected);
+    fail(state, why);
+    return false;
+}
+
+// The baseline's binary semaphore for batch start and end: a flag under a mutex and a
+// condition, taken blocked as semTake takes.
+class Gate {
+  public:
+    void give() {
+        pthread_mutex_lock(&m_);
+        full_ = true;
+        pthread_cond_signal(&c_);
+        pthread_mutex_unlock(&m_);
+    }
+    void take() {
+        pthread_mutex_lock(&m_);
+        while (!full_)
+            pthread_cond_wait(&c_, &m_);
+        full_ = false;
+        pthread_mutex_unlock(&m_);
+    }
+
+  private:
+    pthread_mutex_t m_ = PTHREAD_MUTEX_INITIALIZER;
+    pthread_cond_t c_ = PTHREAD_COND_INITIALIZER;
+    bool full_ = false;
+};
+
 constexpr int kQueueCapacity = 16;
 constexpr int kMsgBytes = 16;
 
@@ -45,23 +141,35 @@ constexpr int kMsgBytes = 16;
 
 void lib_sem(benchmark::State &state) {
     kt4SemId s = semBCreate(KT4_SEM_Q_FIFO, KT4_SEM_FULL);
-    for (auto _ : state) {
-        semTake(s, WAIT_FOREVER);
-        semGive(s);
+    if (s == 0) {
+        fail(state, "semBCreate failed");
+        return;
     }
+    // A refused take or give would be an error path, not the measured one.
+    int refused = 0;
+    for (auto _ : state) {
+        refused += semTake(s, WAIT_FOREVER) != OK;
+        refused += semGive(s) != OK;
+    }
+    check_count(state, "refused takes and gives", refused, 0);
     semDelete(s);
 }
 
 void base_sem(benchmark::State &state) {
     pthread_mutex_t m = PTHREAD_MUTEX_INITIALIZER;
+    int refused = 0;
     for (auto _ : state) {
-        pthread_mutex_lock(&m);
+        refused += pthread_mutex_lock(&m) != 0;
         benchmark::DoNotOptimize(&m);
-        pthread_mutex_unlock(&m);
+        refused += pthread_mutex_unlock(&m) != 0;
     }
+    check_count(state, "refused locks and unlocks", refused, 0);
 }
 
 // ---- ping-pong between two tasks ----
+//
+// The pinger gives ping and waits for pong, `rounds` times per batch; the ponger answers each
+// ping. The ponger counts the pings it answered, the pinger the pongs it got.
 
 struct PingPong {
     kt4SemId ping = semBCreate(KT4_SEM_Q_FIFO, KT4_SEM_EMPTY);
@@ -70,17 +178,20 @@ struct PingPong {
     kt4SemId done = semBCreate(KT4_SEM_Q_FIFO, KT4_SEM_EMPTY);
     std::atomic<int> rounds{0};
     std::atomic<bool> stop{false};
+    std::atomic<long> answered{0}, received{0};
+    SchedSeen sched;
 };
 
 int pinger(kt4_arg_t arg, kt4_arg_t, kt4_arg_t, kt4_arg_t, kt4_arg_t, kt4_arg_t, kt4_arg_t,
            kt4_arg_t, kt4_arg_t, kt4_arg_t) {
     auto *pp = reinterpret_cast<PingPong *>(arg);
+    pp->sched.note();
     for (;;) {
         semTake(pp->start, WAIT_FOREVER);
         if (pp->stop) break;
         for (int i = pp->rounds; i > 0; --i) {
             semGive(pp->ping);
-            semTake(pp->pong, WAIT_FOREVER);
+            if (semTake(pp->pong, WAIT_FOREVER) == OK) pp->received++;
         }
         semGive(pp->done);
     }
@@ -91,9 +202,11 @@ int pinger(kt4_arg_t arg, kt4_arg_t, kt4_arg_t, kt4_arg_t, kt4_arg_t, kt4_arg_t,
 int ponger(kt4_arg_t arg, kt4_arg_t, kt4_arg_t, kt4_arg_t, kt4_arg_t, kt4_arg_t, kt4_arg_t,
            kt4_arg_t, kt4_arg_t, kt4_arg_t) {
     auto *pp = reinterpret_cast<PingPong *>(arg);
+    pp->sched.note();
     for (;;) {
-        semTake(pp->ping, WAIT_FOREVER);
+        if (semTake(pp->ping, WAIT_FOREVER) != OK) continue;
         if (pp->stop) break;
+        pp->answered++; // counted before the pong can reach the pinger
         semGive(pp->pong);
     }
     return 0;
@@ -106,9 +219,19 @@ void wait_gone(int tid) {
 
 void lib_pingpong(benchmark::State &state) {
     PingPong pp;
+    if (pp.ping == 0 || pp.pong == 0 || pp.start == 0 || pp.done == 0) {
+        fail(state, "semBCreate failed");
+        return;
+    }
     auto arg = reinterpret_cast<kt4_arg_t>(&pp);
     int b = taskSpawn("tPong", kTaskPriority, 0, 0, ponger, arg, 0, 0, 0, 0, 0, 0, 0, 0, 0);
     int a = taskSpawn("tPing", kTaskPriority, 0, 0, pinger, arg, 0, 0, 0, 0, 0, 0, 0, 0, 0);
+    if (a == ERROR || b == ERROR) {
+        fail(state, "taskSpawn failed");
+        if (b != ERROR) taskDelete(b);
+        if (a != ERROR) taskDelete(a);
+        return;
+    }
     while (state.KeepRunningBatch(kBatch)) {
         pp.rounds = kBatch;
         semGive(pp.start);
@@ -118,6 +241,9 @@ void lib_pingpong(benchmark::State &state) {
     semGive(pp.start);
     wait_gone(a);
     wait_gone(b);
+    if (pp.sched.check(state) &&
+        check_count(state, "pings the ponger answered", pp.answered, state.iterations()))
+        check_count(state, "pongs the pinger got", pp.received, state.iterations());
     for (kt4SemId s : {pp.ping, pp.pong, pp.start, pp.done})
         semDelete(s);
 }
@@ -127,63 +253,69 @@ struct CondPingPong {
     pthread_cond_t c = PTHREAD_COND_INITIALIZER;
     int turn = 0; // 0 ping's, 1 pong's
     bool stop = false;
+    long answered = 0, received = 0; // under m
 };
 
 void base_pingpong(benchmark::State &state) {
     CondPingPong cp;
+    SchedSeen sched;
+    Gate start, done;
+    std::atomic<int> rounds{0};
+    std::atomic<bool> quit{false};
     std::thread pong([&] {
-        match_task_scheduling();
+        take_task_sched();
+        sched.note();
         pthread_mutex_lock(&cp.m);
         for (;;) {
             while (cp.turn != 1 && !cp.stop)
                 pthread_cond_wait(&cp.c, &cp.m);
             if (cp.stop) break;
+            ++cp.answered;
             cp.turn = 0;
             pthread_cond_broadcast(&cp.c);
         }
         pthread_mutex_unlock(&cp.m);
     });
-    std::atomic<int> rounds{0};
-    std::atomic<int> phase{0}; // batches started
-    std::atomic<int> finished{0};
-    std::atomic<bool> quit{false};
     std::thread ping([&] {
-        match_task_scheduling();
-        int seen = 0;
+        take_task_sched();
+        sched.note();
         for (;;) {
-            while (phase.load() == seen && !quit)
-                std::this_thread::yield();
+            start.take();
             if (quit) break;
-            ++seen;
             pthread_mutex_lock(&cp.m);
             for (int i = rounds; i > 0; --i) {
                 cp.turn = 1;
                 pthread_cond_broadcast(&cp.c);
                 while (cp.turn != 0)
                     pthread_cond_wait(&cp.c, &cp.m);
+                ++cp.received;
             }
             pthread_mutex_unlock(&cp.m);
-            finished++;
+            done.give();
         }
     });
-    int batches = 0;
     while (state.KeepRunningBatch(kBatch)) {
         rounds = kBatch;
-        phase++;
-        ++batches;
-        while (finished.load() != batches)
-            std::this_thread::yield();
+        start.give();
+        done.take();
     }
     quit = true;
+    start.give();
+    ping.join();
     pthread_mutex_lock(&cp.m);
     cp.stop = true;
     pthread_cond_broadcast(&cp.c);
     pthread_mutex_unlock(&cp.m);
-    ping.join();
     pong.join();
+    if (sched.check(state) &&
+        check_count(state, "pings the ponger answered", cp.answered, state.iterations()))
+        check_count(state, "pongs the pinger got", cp.received, state.iterations());
 }
 
 // ---- queue between two tasks ----
+//
+// The producer sends `count` numbered messages per batch; the consumer counts those it got in
+// order, with the number it expected next.
 
 struct QueuePair {
     kt4MsgQId q = msgQCreate(kQueueCapacity, kMsgBytes, KT4_MSGQ_FIFO);
@@ -191,17 +323,25 @@ struct QueuePair {
     kt4SemId done = semBCreate(KT4_SEM_Q_FIFO, KT4_SEM_EMPTY);
     std::atomic<int> count{0};
     std::atomic<bool> stop{false};
+    std::atomic<long> sent{0}, inOrder{0};
+    SchedSeen sched;
 };
 
 int producer(kt4_arg_t arg, kt4_arg_t, kt4_arg_t, kt4_arg_t, kt4_arg_t, kt4_arg_t, kt4_arg_t,
              kt4_arg_t, kt4_arg_t, kt4_arg_t) {
     auto *qp = reinterpret_cast<QueuePair *>(arg);
+    qp->sched.note();
     char msg[kMsgBytes] = "payload";
+    uint32_t seq = 0;
     for (;;) {
         semTake(qp->start, WAIT_FOREVER);
         if (qp->stop) break;
-        for (int i = qp->count; i > 0; --i)
-            msgQSend(qp->q, msg, sizeof msg, WAIT_FOREVER, KT4_MSG_PRI_NORMAL);
+        for (int i = qp->count; i > 0; --i) {
+            ++seq;
+            std::memcpy(msg, &seq, sizeof seq);
+            if (msgQSend(qp->q, msg, sizeof msg, WAIT_FOREVER, KT4_MSG_PRI_NORMAL) == OK)
+                qp->sent++;
+        }
     }
     msgQSend(qp->q, msg, 0, WAIT_FOREVER, KT4_MSG_PRI_NORMAL); // empty message: consumer ends
     return 0;
@@ -210,11 +350,17 @@ int producer(kt4_arg_t arg, kt4_arg_t, kt4_arg_t, kt4_arg_t, kt4_arg_t, kt4_arg_
 int consumer(kt4_arg_t arg, kt4_arg_t, kt4_arg_t, kt4_arg_t, kt4_arg_t, kt4_arg_t, kt4_arg_t,
              kt4_arg_t, kt4_arg_t, kt4_arg_t) {
     auto *qp = reinterpret_cast<QueuePair *>(arg);
+    qp->sched.note();
     char msg[kMsgBytes];
     int got = 0;
+    uint32_t expect = 1;
     for (;;) {
         int n = msgQReceive(qp->q, msg, sizeof msg, WAIT_FOREVER);
         if (n <= 0) break;
+        uint32_t seq;
+        std::memcpy(&seq, msg, sizeof seq);
+        if (n == kMsgBytes && seq == expect) qp->inOrder++;
+        expect = seq + 1;
         if (++got == qp->count) {
             got = 0;
             semGive(qp->done);
@@ -225,10 +371,20 @@ int consumer(kt4_arg_t arg, kt4_arg_t, kt4_arg_t, kt4_arg_t, kt4_arg_t, kt4_arg_
 
 void lib_msgq(benchmark::State &state) {
     QueuePair qp;
+    if (qp.q == 0 || qp.start == 0 || qp.done == 0) {
+        fail(state, "msgQCreate or semBCreate failed");
+        return;
+    }
     auto arg = reinterpret_cast<kt4_arg_t>(&qp);
     qp.count = kBatch;
     int c = taskSpawn("tConsumer", kTaskPriority, 0, 0, consumer, arg, 0, 0, 0, 0, 0, 0, 0, 0, 0);
     int p = taskSpawn("tProducer", kTaskPriority, 0, 0, producer, arg, 0, 0, 0, 0, 0, 0, 0, 0, 0);
+    if (c == ERROR || p == ERROR) {
+        fail(state, "taskSpawn failed");
+        if (p != ERROR) taskDelete(p);
+        if (c != ERROR) taskDelete(c);
+        return;
+    }
     while (state.KeepRunningBatch(kBatch)) {
         semGive(qp.start);
         semTake(qp.done, WAIT_FOREVER);
@@ -237,6 +393,9 @@ void lib_msgq(benchmark::State &state) {
     semGive(qp.start);
     wait_gone(p);
     wait_gone(c);
+    if (qp.sched.check(state) &&
+        check_count(state, "messages the producer sent", qp.sent, state.iterations()))
+        check_count(state, "messages the consumer got in order", qp.inOrder, state.iterations());
     msgQDelete(qp.q);
     semDelete(qp.start);
     semDelete(qp.done);
@@ -278,96 +437,147 @@ struct CondQueue {
 
 void base_msgq(benchmark::State &state) {
     CondQueue cq;
-    std::atomic<int> batches_done{0}, batches_started{0};
+    SchedSeen sched;
+    Gate start, done;
+    std::atomic<long> sent{0}, inOrder{0};
     std::atomic<bool> quit{false};
     std::thread cons([&] {
-        match_task_scheduling();
+        take_task_sched();
+        sched.note();
         char msg[kMsgBytes];
         int got = 0;
+        uint32_t expect = 1;
         for (;;) {
-            if (cq.receive(msg) <= 0) break;
+            int n = cq.receive(msg);
+            if (n <= 0) break;
+            uint32_t seq;
+            std::memcpy(&seq, msg, sizeof seq);
+            if (n == kMsgBytes && seq == expect) inOrder++;
+            expect = seq + 1;
             if (++got == kBatch) {
                 got = 0;
-                batches_done++;
+                done.give();
             }
         }
     });
     std::thread prod([&] {
-        match_task_scheduling();
+        take_task_sched();
+        sched.note();
         char msg[kMsgBytes] = "payload";
-        int seen = 0;
+        uint32_t seq = 0;
         for (;;) {
-            while (batches_started.load() == seen && !quit)
-                std::this_thread::yield();
+            start.take();
             if (quit) break;
-            ++seen;
-            for (int i = 0; i < kBatch; ++i)
+            for (int i = 0; i < kBatch; ++i) {
+                ++seq;
+                std::memcpy(msg, &seq, sizeof seq);
                 cq.send(msg, sizeof msg);
+                sent++;
+            }
         }
         cq.send(msg, 0);
     });
-    int batches = 0;
     while (state.KeepRunningBatch(kBatch)) {
-        batches_started++;
-        ++batches;
-        while (batches_done.load() != batches)
-            std::this_thread::yield();
+        start.give();
+        done.take();
     }
     quit = true;
+    start.give();
     prod.join();
     cons.join();
+    if (sched.check(state) &&
+        check_count(state, "messages the producer sent", sent, state.iterations()))
+        check_count(state, "messages the consumer got in order", inOrder, state.iterations());
 }
 
 // ---- spawning a task that returns ----
+//
+// Each spawned body counts that it ran (and notes its scheduling); the run checks the count.
+// Both sides wait for the same event: the library's delete hook, which runs in the ending task's
+// thread before its teardown finishes, and for the baseline a thread-specific-data destructor,
+// which runs in the ending (detached) thread after its body returned. The rest of either
+// thread's exit overlaps the next iteration alike. (Joining the baseline's thread would make it
+// wait for a full thread exit that the library side never waits for.)
 
 kt4SemId spawn_gone = 0;
+std::atomic<long> bodies_run{0};
+SchedSeen *spawn_sched = nullptr;
+
 void on_delete(kt4Tcb *, const char *name) {
     if (name != nullptr && std::strcmp(name, "tBench") == 0) semGive(spawn_gone);
 }
 
 int returns(kt4_arg_t, kt4_arg_t, kt4_arg_t, kt4_arg_t, kt4_arg_t, kt4_arg_t, kt4_arg_t, kt4_arg_t,
             kt4_arg_t, kt4_arg_t) {
+    spawn_sched->note();
+    bodies_run++;
     return 0;
 }
 
 void lib_spawn(benchmark::State &state) {
+    SchedSeen sched;
+    spawn_sched = &sched;
+    bodies_run = 0;
     spawn_gone = semBCreate(KT4_SEM_Q_FIFO, KT4_SEM_EMPTY);
     taskDeleteHookAdd(on_delete);
     for (auto _ : state) {
         int id = taskSpawn("tBench", kTaskPriority, 0, 0, returns, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0);
-        benchmark::DoNotOptimize(id);
+        if (id == ERROR) {
+            fail(state, "taskSpawn failed");
+            break;
+        }
         semTake(spawn_gone, WAIT_FOREVER); // its delete hooks have run
     }
     taskDeleteHookDelete(on_delete);
     semDelete(spawn_gone);
+    if (!state.error_occurred() && sched.check(state))
+        check_count(state, "spawned bodies that ran", bodies_run, state.iterations());
+}
+
+Gate thread_gone;
+pthread_key_t exit_key;
+pthread_once_t exit_key_once = PTHREAD_ONCE_INIT;
+
+void on_thread_exit(void *) {
+    thread_gone.give();
+}
+
+void make_exit_key() {
+    pthread_key_create(&exit_key, on_thread_exit);
 }
 
 void *thread_returns(void *) {
+    spawn_sched->note();
+    bodies_run++;
+    pthread_setspecific(exit_key, &exit_key); // any non-null value: the destructor runs at exit
     return nullptr;
 }
 
 void base_spawn(benchmark::State &state) {
-    // The same scheduling attributes a task's thread is created with.
+    SchedSeen sched;
+    spawn_sched = &sched;
+    bodies_run = 0;
+    // The scheduling attributes a task's thread is created with.
+    pthread_once(&exit_key_once, make_exit_key);
     pthread_attr_t attr;
     pthread_attr_init(&attr);
-    const char *no_rt = std::getenv("KT4_NO_RT");
-    if (!(no_rt != nullptr && *no_rt != '\0' && *no_rt != '0')) {
-        sched_param p{};
-        int lo = sched_get_priority_min(SCHED_RR), hi = sched_get_priority_max(SCHED_RR);
-        p.sched_priority = lo + (254 - kTaskPriority) * (hi - lo) / 255;
-        pthread_attr_setinheritsched(&attr, PTHREAD_EXPLICIT_SCHED);
-        pthread_attr_setschedpolicy(&attr, SCHED_RR);
-        pthread_attr_setschedparam(&attr, &p);
-    }
+    pthread_attr_setdetachstate(&attr, PTHREAD_CREATE_DETACHED);
+    sched_param p{};
+    p.sched_priority = g_taskSched.priority;
+    pthread_attr_setinheritsched(&attr, PTHREAD_EXPLICIT_SCHED);
+    pthread_attr_setschedpolicy(&attr, g_taskSched.policy);
+    pthread_attr_setschedparam(&attr, &p);
     for (auto _ : state) {
         pthread_t t;
         if (pthread_create(&t, &attr, thread_returns, nullptr) != 0) {
-            pthread_attr_setinheritsched(&attr, PTHREAD_INHERIT_SCHED);
-            pthread_create(&t, &attr, thread_returns, nullptr);
+            fail(state, "pthread_create failed");
+            break;
         }
-        pthread_join(t, nullptr);
+        thread_gone.take(); // its exit destructor has run
     }
     pthread_attr_destroy(&attr);
+    if (!state.error_occurred() && sched.check(state))
+        check_count(state, "spawned bodies that ran", bodies_run, state.iterations());
 }
 
 // Collects each run's time per iteration so that the pairs can be compared at the end.
@@ -376,7 +586,7 @@ class PairReporter : public benchmark::ConsoleReporter {
     void ReportRuns(const std::vector<Run> &runs) override {
         ConsoleReporter::ReportRuns(runs);
         for (const Run &r : runs) {
-            if (r.run_type != Run::RT_Iteration) continue;
+            if (r.run_type != Run::RT_Iteration || r.error_occurred) continue;
             std::string name = r.benchmark_name();
             name = name.substr(0, name.find('/'));
             real_[name] = r.GetAdjustedRealTime();
@@ -422,9 +632,22 @@ int main(int argc, char **argv) {
     kt4VxToBsdInit(1, 1);
     benchmark::Initialize(&argc, argv);
     if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
+    // Learn what a task of the benchmark's priority runs under.
+    kt4SemId probed = semBCreate(KT4_SEM_Q_FIFO, KT4_SEM_EMPTY);
+    if (probed == 0 ||
+        taskSpawn("tProbe", kTaskPriority, 0, 0, probe, static_cast<kt4_arg_t>(probed), 0, 0, 0, 0,
+                  0, 0, 0, 0, 0) == ERROR) {
+        std::fprintf(stderr, "bench_vx2bsd: cannot spawn the probe task\n");
+        return 1;
+    }
+    semTake(probed, WAIT_FOREVER);
+    semDelete(probed);
+    std::printf("tasks and baseline threads under scheduling policy %d, priority %d\n",
+                g_taskSched.policy, g_taskSched.priority);
     PairReporter reporter;
     benchmark::RunSpecifiedBenchmarks(&reporter);
     reporter.print_pairs();
     benchmark::Shutdown();
-    return 0;
+    if (g_failed) std::fprintf(stderr, "bench_vx2bsd: a run failed its checks\n");
+    return g_failed ? 1 : 0;
 }
