@@ -3,6 +3,12 @@
 // The registry remembers, for every block registered while the check is on, the file (or
 // source tag) and line that took it, so that a leak report names the culprit. Guards catch
 // writes past either end of a block and releases of addresses that never came from here.
+//
+// Every guarded block is also entered, whether the check is on or not, in a table of live
+// guarded blocks, and a release looks the address up there before it reads the guard: a block
+// released twice, or an address that never came from here, is reported without touching memory
+// that may already belong to someone else. A small ring of recent releases per shard tells the
+// two apart in the report.
 #include <kt4/hostsim.h>
 
 #include <pthread.h>
@@ -11,6 +17,8 @@
 #include <cstdio>
 #include <cstring>
 #include <map>
+#include <new>
+#include <unordered_set>
 #include <unordered_map>
 
 namespace {
@@ -49,6 +57,61 @@ void report_guard(const char *what, const void *user, int kind) {
     std::fprintf(stderr, "kt4mc: %s at %p (kind %d)\n", what, user, kind);
 }
 
+// Live guarded blocks, sharded by address so that tasks allocating at once rarely meet.
+class LiveGuards {
+  public:
+    enum class Gone { Live, Released, Unknown };
+
+    // False when the table could not grow.
+    bool add(void *user) {
+        Shard &sh = shard_of(user);
+        pthread_mutex_lock(&sh.lock);
+        bool ok = true;
+        try {
+            sh.live.insert(user);
+        } catch (const std::bad_alloc &) {
+            ok = false;
+        }
+        pthread_mutex_unlock(&sh.lock);
+        return ok;
+    }
+    // Takes a block out: Live when it was live, else whether it was released lately.
+    Gone take(void *user) {
+        Shard &sh = shard_of(user);
+        pthread_mutex_lock(&sh.lock);
+        Gone r = Gone::Unknown;
+        if (sh.live.erase(user) != 0) {
+            r = Gone::Live;
+            sh.recent[sh.next++ % kRecent] = user;
+        } else {
+            for (void *p : sh.recent)
+                if (p == user) r = Gone::Released;
+        }
+        pthread_mutex_unlock(&sh.lock);
+        return r;
+    }
+
+  private:
+    static constexpr unsigned kShardBits = 5;
+    static constexpr unsigned kRecent = 32;
+    struct Shard {
+        pthread_mutex_t lock = PTHREAD_MUTEX_INITIALIZER;
+        std::unordered_set<void *> live;
+        void *recent[kRecent] = {};
+        unsigned next = 0;
+    };
+    Shard &shard_of(const void *p) {
+        const uint64_t h = (reinterpret_cast<uintptr_t>(p) >> 4) * 0x9E3779B97F4A7C15ull;
+        return shards_[h >> (64 - kShardBits)];
+    }
+    Shard shards_[1u << kShardBits];
+};
+
+LiveGuards &guards() {
+    static LiveGuards *g = new LiveGuards; // never destroyed, as the registry
+    return *g;
+}
+
 } // namespace
 
 extern "C" {
@@ -63,37 +126,54 @@ void *kt4mc_guard_alloc(int kind, void *raw, size_t size) {
     std::memcpy(raw, &head, sizeof head);
     unsigned char *user = static_cast<unsigned char *>(raw) + KT4MC_GUARD_HEAD;
     std::memset(user + size, kTailFill, kTail);
+    // Only when memory has run out can the table not hold it; the block is still handed out
+    // (its release is then refused and reported: a leak, never a wrong read).
+    if (!guards().add(user)) report_guard("guarded block not entered (out of memory)", user, kind);
     return user;
 }
 
 void *kt4mc_guard_free(int kind, void *user) {
     if (user == nullptr) return nullptr;
+    switch (guards().take(user)) {
+    case LiveGuards::Gone::Live:
+        break;
+    case LiveGuards::Gone::Released:
+        report_guard("block released twice", user, kind);
+        return nullptr;
+    case LiveGuards::Gone::Unknown:
+        report_guard("block released that is not live here (released long ago, or foreign)", user,
+                     kind);
+        return nullptr;
+    }
     auto *raw = static_cast<unsigned char *>(user) - KT4MC_GUARD_HEAD;
     GuardHead h;
     std::memcpy(&h, raw, sizeof h);
     const GuardHead *head = &h;
-    if (head->magic == kGuardDeadMagic) {
-        report_guard("block released twice", user, kind);
-        return nullptr;
-    }
     if (head->magic != kGuardMagic) {
         report_guard("guard in front of block overwritten or foreign block", user, kind);
         return nullptr;
     }
     bool ok = true;
-    for (unsigned char c : head->fill) ok = ok && c == kHeadFill;
+    for (unsigned char c : head->fill)
+        ok = ok && c == kHeadFill;
     const unsigned char *tail = static_cast<unsigned char *>(user) + head->size;
-    for (size_t i = 0; i < kTail; ++i) ok = ok && tail[i] == kTailFill;
+    for (size_t i = 0; i < kTail; ++i)
+        ok = ok && tail[i] == kTailFill;
     if (!ok) report_guard("guard around block overwritten", user, kind);
-    if (head->kind != static_cast<uint32_t>(kind)) report_guard("block released as the wrong kind", user, kind);
+    if (head->kind != static_cast<uint32_t>(kind))
+        report_guard("block released as the wrong kind", user, kind);
     const uint32_t dead = kGuardDeadMagic;
     std::memcpy(raw, &dead, sizeof dead);
     return raw;
 }
 
-int MCLock(void) { return pthread_mutex_lock(&reg().lock) == 0 ? 0 : -1; }
+int MCLock(void) {
+    return pthread_mutex_lock(&reg().lock) == 0 ? 0 : -1;
+}
 
-int MCUnlock(void) { return pthread_mutex_unlock(&reg().lock) == 0 ? 0 : -1; }
+int MCUnlock(void) {
+    return pthread_mutex_unlock(&reg().lock) == 0 ? 0 : -1;
+}
 
 // MCAlloc and MCFree are called with MCLock held.
 int MCAlloc(const char *file, int line, int kind, void *addr, size_t size) {
@@ -177,7 +257,9 @@ void MCReset(void) {
     MCUnlock();
 }
 
-unsigned long MCGuardErrors(void) { return __atomic_load_n(&reg().guard_errors, __ATOMIC_RELAXED); }
+unsigned long MCGuardErrors(void) {
+    return __atomic_load_n(&reg().guard_errors, __ATOMIC_RELAXED);
+}
 
 unsigned long MCUnknownFrees(void) {
     MCLock();

@@ -11,6 +11,14 @@
 // The machine's counters are sampled from /proc/meminfo at most every 100 ms (reading it costs
 // tens of microseconds, more than the allocations it guards); what passed the gate since the
 // sample is added to the figure, so a burst between two samples is still seen.
+//
+// System memory is heap memory, and a heap block says nothing reliable about itself: a header
+// in front of it cannot tell a block of ours from one of malloc's, and after a free it is no
+// longer ours to read. So every block that M_sysMalloc/M_sysCalloc hand out is entered in a
+// table of live system blocks (with its usable size, for the accounting), and M_sysMemfree
+// takes it out of that table before it releases anything. An address that is not in the table
+// (from malloc, from a pool, inside a block, or already released) is refused with a report and
+// its memory is never touched.
 #include "mem/mem_int.h"
 #include "mem/mem_report.h"
 
@@ -28,6 +36,8 @@
 #include <cstring>
 #include <ctime>
 #include <limits>
+#include <new>
+#include <unordered_map>
 
 namespace kt4::mem {
 
@@ -37,6 +47,66 @@ constexpr int kWarnMark = 80;
 constexpr int kLowWaterMark = 92;
 constexpr int kHighHighWaterMark = 96;
 constexpr int64_t kSampleNs = 100 * 1000 * 1000;
+
+// ---- Live system blocks -----------------------------------------------------------------------
+
+// Sharded by address so that tasks allocating at once rarely meet on one mutex.
+class LiveSysBlocks {
+  public:
+    // Enters a block; false when the table could not grow (the caller then gives the block back).
+    bool add(void *p, size_t bytes) {
+        Shard &sh = shardOf(p);
+        kt4::MutexGuard g(sh.lock);
+        try {
+            sh.live[p] = bytes;
+        } catch (const std::bad_alloc &) {
+            return false;
+        }
+        return true;
+    }
+    // Takes a block out; false when it is not a live block of ours.
+    bool remove(void *p, size_t *bytes) {
+        Shard &sh = shardOf(p);
+        kt4::MutexGuard g(sh.lock);
+        auto it = sh.live.find(p);
+        if (it == sh.live.end()) return false;
+        *bytes = it->second;
+        sh.live.erase(it);
+        return true;
+    }
+
+  private:
+    static constexpr unsigned kShardBits = 5;
+    struct Shard {
+        pthread_mutex_t lock = PTHREAD_MUTEX_INITIALIZER;
+        std::unordered_map<void *, size_t> live;
+    };
+    Shard &shardOf(const void *p) {
+        const uint64_t h = (reinterpret_cast<uintptr_t>(p) >> 4) * 0x9E3779B97F4A7C15ull;
+        return shards_[h >> (64 - kShardBits)];
+    }
+    Shard shards_[1u << kShardBits];
+};
+
+// Never destroyed: blocks may be released from exit handlers and other static destructors.
+LiveSysBlocks &sysBlocks() {
+    static LiveSysBlocks *t = new LiveSysBlocks;
+    return *t;
+}
+
+// Enters a fresh block and accounts for it; null (block released) when it cannot be entered.
+void *sysBlockTaken(void *p) {
+    if (p == nullptr) return nullptr;
+    const size_t got = malloc_usable_size(p);
+    if (!sysBlocks().add(p, got)) {
+        std::free(p);
+        errno = ENOMEM;
+        return nullptr;
+    }
+    gateAccount(static_cast<int64_t>(got));
+    updateMemStats(true, got);
+    return p;
+}
 
 // ---- Machine usage --------------------------------------------------------------------------
 
@@ -266,12 +336,7 @@ void *M_sysMalloc(const char *file, int line, size_t size) {
         errno = ENOMEM;
         return nullptr;
     }
-    void *p = std::malloc(size);
-    if (p == nullptr) return nullptr;
-    const size_t got = malloc_usable_size(p);
-    gateAccount(static_cast<int64_t>(got));
-    updateMemStats(true, got);
-    return p;
+    return sysBlockTaken(std::malloc(size));
 }
 
 void *M_sysCalloc(const char *file, int line, size_t nmemb, size_t size) {
@@ -286,19 +351,19 @@ void *M_sysCalloc(const char *file, int line, size_t nmemb, size_t size) {
         errno = ENOMEM;
         return nullptr;
     }
-    void *p = std::calloc(nmemb, size);
-    if (p == nullptr) return nullptr;
-    const size_t got = malloc_usable_size(p);
-    gateAccount(static_cast<int64_t>(got));
-    updateMemStats(true, got);
-    return p;
+    return sysBlockTaken(std::calloc(nmemb, size));
 }
 
 STATUS M_sysMemfree(const char *file, int line, void *addr) {
-    (void)file;
-    (void)line;
     if (addr == nullptr) return OK;
-    const size_t got = malloc_usable_size(addr);
+    size_t got = 0;
+    if (!sysBlocks().remove(addr, &got)) {
+        memError("%s: M_sysMemfree: addr %p is not system memory in use (released already, or "
+                 "not from M_sysMalloc/M_sysCalloc) (%s:%d)",
+                 kModName, addr, file != nullptr ? file : "?", line);
+        errno = EINVAL;
+        return ERROR;
+    }
     std::free(addr);
     gateAccount(-static_cast<int64_t>(got));
     updateMemStats(false, got);

@@ -4,7 +4,10 @@
 // lays its guard in them (kind 3 around fixed-pool blocks, 4 around var-pool blocks); while the
 // check is on the block is registered with the caller's file and line (memory-check kinds 2 and
 // 3), so that a leak report names who took it. Frees unregister first, then strip and check the
-// guard, and release the block only when the guard was intact.
+// guard, and release the block only when the guard was intact. The guard lies in the pool's
+// page: a block whose page has gone (its pool was freed or flushed with the block in it) is
+// handed straight to the pool's free, which refuses it from the page registry alone, before the
+// guard is looked at.
 #include "mem/mem_int.h"
 
 #include <kt4/hostsim.h>
@@ -24,6 +27,15 @@ void *guard(const char *file, int line, void *raw, uint32_t size, int guardKind,
         MCUnlock();
     }
     return user;
+}
+
+// The raw block of a guarded pool block, whose guard lies in a live page, or null.
+void *rawInLivePage(void *addr) {
+    auto *raw = static_cast<char *>(addr) - KT4MC_GUARD_HEAD;
+    return kt4::mem::pageHolding(raw - kt4::mem::kChnkHdrSize,
+                                 kt4::mem::kChnkHdrSize + KT4MC_GUARD_HEAD) != nullptr
+               ? raw
+               : nullptr;
 }
 
 // The raw block to release, or null when the guard was broken (reported by the service).
@@ -57,6 +69,8 @@ void *kt4MC_M_memBlockAlloc(const char *file, int line, uint32_t size, int poolI
 
 STATUS kt4MC_M_memBlockFree(const char *file, int line, void *addr) {
     if (addr == nullptr) return M_memBlockFree(file, line, addr); // reported there
+    if (rawInLivePage(addr) == nullptr)
+        return M_memBlockFree(file, line, static_cast<char *>(addr) - KT4MC_GUARD_HEAD);
     void *raw = unguard(file, line, addr, kGuardPool);
     return raw == nullptr ? ERROR : M_memBlockFree(file, line, raw);
 }
@@ -69,6 +83,8 @@ void *kt4MC_M_memBlockVarAlloc(const char *file, int line, uint32_t size, int pa
 
 STATUS kt4MC_M_memBlockVarFree(const char *file, int line, void *addr, int partId) {
     if (addr == nullptr) return M_memBlockVarFree(file, line, addr, partId);
+    if (rawInLivePage(addr) == nullptr)
+        return M_memBlockVarFree(file, line, static_cast<char *>(addr) - KT4MC_GUARD_HEAD, partId);
     void *raw = unguard(file, line, addr, kGuardVar);
     return raw == nullptr ? ERROR : M_memBlockVarFree(file, line, raw, partId);
 }

@@ -180,35 +180,64 @@ Partition *partGet(int partId);
 // Returns OK or ERROR (reported).
 int verifyChnk(int mode, PageHdr *curPage, ChnkHdr *chnkHdr);
 
-// Page registry (pageregistry.cpp): the start addresses of every live page of the process.
-// Look-ups take no lock: three dependent loads through tables whose nodes are never freed.
+// Page registry (pageregistry.cpp): the start address and length of every live page of the
+// process. Look-ups take no lock: three dependent loads through tables whose nodes are never
+// freed.
 namespace registry {
 constexpr unsigned kGranuleShift = 14; // 16 KiB, less than the smallest page (16564 bytes)
 constexpr unsigned kLeafBits = 11;
 constexpr unsigned kMidBits = 11;
 constexpr unsigned kTopBits = 48 - kGranuleShift - kLeafBits - kMidBits;
+// The largest page (chunk size 65535: four page units) reaches this many granules back.
+constexpr unsigned kMaxGranulesBack = (4 * PAGESIZE + (1u << kGranuleShift) - 1) >> kGranuleShift;
 struct Leaf {
     std::atomic<uintptr_t> page[1u << kLeafBits];
+    std::atomic<uint32_t> bytes[1u << kLeafBits]; // the page's length, set before page
 };
 struct Mid {
     std::atomic<Leaf *> leaf[1u << kMidBits];
 };
 extern std::atomic<Mid *> top[1u << kTopBits];
+
+// The registry slot of a 16 KiB granule, or null when no page ever started in its range.
+inline Leaf *leafOf(uintptr_t g, unsigned *slot) {
+    const uintptr_t t = g >> (kLeafBits + kMidBits);
+    if (t >= (1u << kTopBits)) return nullptr;
+    Mid *mid = top[t].load(std::memory_order_acquire);
+    if (mid == nullptr) return nullptr;
+    *slot = static_cast<unsigned>(g & ((1u << kLeafBits) - 1));
+    return mid->leaf[(g >> kLeafBits) & ((1u << kMidBits) - 1)].load(std::memory_order_acquire);
+}
 } // namespace registry
 
-bool pageRegister(const void *page); // false when the address cannot be entered
+bool pageRegister(const void *page, uint32_t bytes); // false when the address cannot be entered
 void pageUnregister(const void *page);
 inline bool pageRegistered(const void *page) {
     using namespace registry;
-    const uintptr_t g = reinterpret_cast<uintptr_t>(page) >> kGranuleShift;
-    const uintptr_t t = g >> (kLeafBits + kMidBits);
-    if (t >= (1u << kTopBits)) return false;
-    Mid *mid = top[t].load(std::memory_order_acquire);
-    if (mid == nullptr) return false;
-    Leaf *leaf =
-        mid->leaf[(g >> kLeafBits) & ((1u << kMidBits) - 1)].load(std::memory_order_acquire);
-    return leaf != nullptr && leaf->page[g & ((1u << kLeafBits) - 1)].load(
-                                  std::memory_order_acquire) == reinterpret_cast<uintptr_t>(page);
+    unsigned slot = 0;
+    Leaf *leaf = leafOf(reinterpret_cast<uintptr_t>(page) >> kGranuleShift, &slot);
+    return leaf != nullptr &&
+           leaf->page[slot].load(std::memory_order_acquire) == reinterpret_cast<uintptr_t>(page);
+}
+
+// The live page that holds [addr, addr + len) entirely, or null, found from the registry alone:
+// nothing at addr is read. Pages never overlap, so the nearest page start at or below addr is
+// the only candidate; it is looked for at most kMaxGranulesBack granules back.
+inline const void *pageHolding(const void *addr, size_t len) {
+    using namespace registry;
+    const uintptr_t a = reinterpret_cast<uintptr_t>(addr);
+    const uintptr_t g0 = a >> kGranuleShift;
+    for (uintptr_t back = 0; back <= kMaxGranulesBack && back <= g0; ++back) {
+        unsigned slot = 0;
+        Leaf *leaf = leafOf(g0 - back, &slot);
+        if (leaf == nullptr) continue;
+        const uintptr_t page = leaf->page[slot].load(std::memory_order_acquire);
+        if (page == 0 || page > a) continue;
+        const uintptr_t bytes = leaf->bytes[slot].load(std::memory_order_relaxed);
+        return a - page <= bytes && len <= bytes - (a - page) ? reinterpret_cast<void *>(page)
+                                                              : nullptr;
+    }
+    return nullptr;
 }
 
 // Gate accounting: bytes taken (>0) or returned (<0) since the last sample of the machine's

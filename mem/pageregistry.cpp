@@ -1,12 +1,15 @@
-// The page registry: which addresses are the start of a live page of this process.
+// The page registry: which addresses are the start of a live page of this process, and how long
+// each page is.
 //
 // A free computes the page of a chunk from the chunk's own header, which the caller may have
-// overwritten or which may not be a chunk at all. Before the allocator reads anything at that
-// computed address, it asks here. The registry maps the 16 KiB granule of an address to the
-// page that starts in it: every page is more than 16 KiB long, so no two live pages start in one
-// granule. It is a three-level table over 48-bit addresses whose nodes are never freed, so a
-// look-up needs no lock: three dependent loads. Entries change under one mutex when pages are
-// added or dropped, which is rare next to allocations.
+// overwritten or which may not be a chunk at all, and the header itself may lie in memory that
+// is no longer ours (a block of a pool that has been freed, a block from malloc). Before the
+// allocator reads anything, it asks here: first whether the header lies in a live page at all,
+// then whether the page that the header names is that page. The registry maps the 16 KiB
+// granule of an address to the page that starts in it: every page is more than 16 KiB long, so
+// no two live pages start in one granule. It is a three-level table over 48-bit addresses whose
+// nodes are never freed, so a look-up needs no lock: three dependent loads. Entries change under
+// one mutex when pages are added or dropped, which is rare next to allocations.
 #include "mem/mem_int.h"
 
 #include "common/kt4_check.h"
@@ -48,7 +51,7 @@ template <typename T> T *newNode() {
 
 } // namespace
 
-bool pageRegister(const void *page) {
+bool pageRegister(const void *page, uint32_t bytes) {
     Index ix;
     if (!indexOf(page, &ix)) return false;
     kt4::MutexGuard g(registryLock);
@@ -64,6 +67,7 @@ bool pageRegister(const void *page) {
         if (leaf == nullptr) return false;
         mid->leaf[ix.m].store(leaf, std::memory_order_release);
     }
+    leaf->bytes[ix.l].store(bytes, std::memory_order_relaxed);
     leaf->page[ix.l].store(reinterpret_cast<uintptr_t>(page), std::memory_order_release);
     return true;
 }

@@ -231,7 +231,7 @@ int insertPage(Pool *pool, uint32_t chnkSz) {
         pageMemFree(page);
         return -1;
     }
-    if (!pageRegister(page)) {
+    if (!pageRegister(page, memSz)) {
         dirRemove(pool, num);
         pageMemFree(page);
         return -1;
@@ -620,10 +620,15 @@ void partFree(Partition *part) {
 enum class BadAddr { None, Null, NotAllocated, NotFreed, WrongPart };
 
 // What can be checked before the partition is known: the header and that the page it points
-// at is a live page. Reads the 8 bytes in front of addr and nothing else.
+// at is a live page. The 8 bytes in front of addr are read only once the registry has said that
+// they lie in a live page, after the page header, so a block of a pool that has been freed, or
+// one from malloc, is refused without touching its memory.
 inline BadAddr locateChnk(void *addr, ChnkHdr **chnkOut, PageHdr **pageOut) {
     if (addr == nullptr) return BadAddr::Null;
     ChnkHdr *chnk = static_cast<ChnkHdr *>(addr) - 1;
+    const auto *holder = static_cast<const char *>(pageHolding(chnk, sizeof(ChnkHdr)));
+    if (holder == nullptr || reinterpret_cast<const char *>(chnk) < holder + kPageHdrSize)
+        return BadAddr::NotFreed;
     const uint32_t marker = chnk->chnkMarker;
     if (marker == Unused_Magic_front) return BadAddr::NotAllocated;
     if (marker != Used_Magic_front) return BadAddr::NotFreed;
@@ -638,7 +643,7 @@ inline BadAddr locateChnk(void *addr, ChnkHdr **chnkOut, PageHdr **pageOut) {
         return BadAddr::NotFreed;
     auto *page = reinterpret_cast<PageHdr *>(reinterpret_cast<char *>(chnk) - chnkIndx * slot -
                                              kPageHdrSize);
-    if (!pageRegistered(page)) return BadAddr::NotFreed;
+    if (reinterpret_cast<const char *>(page) != holder) return BadAddr::NotFreed;
     *chnkOut = chnk;
     *pageOut = page;
     return BadAddr::None;

@@ -4,6 +4,12 @@
 // then its qfull_lock or qdlet_lock; wait-list links change under task_list_lock. Receivers wait
 // on queue_send with queue_lock; senders wait for space on queue_space with qfull_lock, which
 // they take before releasing queue_lock so that no freed slot goes unnoticed.
+//
+// Deletion: the deleting mark (state 0x02) is set under queue_lock and never cleared, so a
+// receiver or sender that reaches the queue during a delete leaves at once with 0x3d0003 and the
+// wait lists drain whatever the callers do; the deleter waits on qdlet_cmplt until both lists
+// are empty. Only the call that set the mark deletes: a second msgQDelete is refused with
+// 0x3d0001 rather than waiting on a condition that the first one is about to destroy.
 #include "vx2bsd/vx2bsd_int.h"
 
 #include <cerrno>
@@ -253,6 +259,11 @@ STATUS msgQSend(kt4MsgQId q, const char *buffer, unsigned nBytes, int timeout, i
         errno = kErrMsgLength;
         return ERROR;
     }
+    // A length with no bytes behind it would hand the receiver whatever the slot held before.
+    if (buffer == nullptr && nBytes != 0) {
+        errno = kErrMsgLength;
+        return ERROR;
+    }
     if (q->state & kStateDeleting) {
         errno = kErrDeleted;
         return ERROR;
@@ -393,6 +404,10 @@ STATUS msgQDelete(kt4MsgQId q) {
     }
     ObjLock lk(q->queue_lock, kQLock, kQUnlock);
     if (!q_validate(q, lk)) {
+        errno = kErrIdError;
+        return ERROR;
+    }
+    if (q->state & kStateDeleting) { // another delete is under way
         errno = kErrIdError;
         return ERROR;
     }

@@ -4,9 +4,20 @@
 // lock is released), then its smdel_lock; wait-list links change under task_list_lock. Waiters
 // are TCBs on the semaphore's pend list in arrival order; every give is a broadcast and the turn
 // rule decides who takes the token.
+//
+// Flush and delete rendezvous. `release` is only written with both sema4_lock and smdel_lock
+// held, so a waiter (under sema4_lock) and a flusher or deleter (under smdel_lock) each read it
+// safely. A flush is one round: it marks the semaphore, and the last waiter out clears the flush
+// mark and broadcasts smdel_cplt; the flusher waits for its mark to go, not for the pend list to
+// be empty, so takers that arrive after the round (and may wait for ever, or time out without a
+// broadcast) never hold it up. The delete mark stays until the record is freed: a taker that
+// arrives during a delete sees it at once and leaves with 0x3d0001, so the pend list drains
+// whatever the callers do, and a second semDelete is refused. Flushers still on their way out of
+// smdel_cplt are counted (rdv_waiters), and the deleter frees the record only once they are out.
 #include "vx2bsd/vx2bsd_int.h"
 
 #include <cerrno>
+#include <climits>
 #include <cstring>
 
 using namespace kt4::vx;
@@ -41,6 +52,9 @@ struct semaphore {
     kt4::be32 spare;     //
     tcb *pend;           // waiters, arrival order
     kt4::be32 id;
+    // Host addition: flushers waiting on smdel_cplt (under smdel_lock); the record is freed only
+    // when none is left.
+    uint32_t rdv_waiters;
 };
 
 struct sema4_entry {
@@ -173,7 +187,10 @@ class SemWaiter {
     }
     SemWaiter(const SemWaiter &) = delete;
     SemWaiter &operator=(const SemWaiter &) = delete;
-    // Leaves the pend list (object lock held on return); returns the release seen.
+    // Leaves the pend list (object lock held on return); returns the release seen. The last
+    // waiter out of a flush ends it (clears the flush mark); a delete's mark stays until the
+    // record goes, so that a taker arriving meanwhile is released at once instead of joining a
+    // wait that nobody would end.
     uint32_t leave() {
         left_ = true;
         if (!lk_.held()) lk_.lock();
@@ -182,10 +199,10 @@ class SemWaiter {
         if (rel != 0 && pend_empty(&s_->pend)) {
             ObjLock del(s_->smdel_lock, kDelLock, kDelUnlock);
             del.lock();
+            s_->release = rel & ~kReleaseFlush;
             KT4_VERIFY_AS(pthread_cond_broadcast(&(s_->smdel_cplt)) == 0,
                           "!pthread_cond_broadcast (&(semaphore->smdel_cplt))");
             del.unlock();
-            s_->release = 0;
         }
         return rel;
     }
@@ -196,6 +213,29 @@ class SemWaiter {
     tcb *me_;
     bool left_ = false;
 };
+
+// A flusher's stay on smdel_cplt (constructed and destroyed with smdel_lock held, also when the
+// flusher is cancelled in the wait): the last one out wakes a deleter waiting to free the record.
+class RdvWaiter {
+  public:
+    explicit RdvWaiter(semaphore *s) : s_(s) { s_->rdv_waiters += 1; }
+    ~RdvWaiter() {
+        s_->rdv_waiters -= 1;
+        if (s_->rdv_waiters == 0)
+            KT4_VERIFY_AS(pthread_cond_broadcast(&(s_->smdel_cplt)) == 0,
+                          "!pthread_cond_broadcast (&(semaphore->smdel_cplt))");
+    }
+    RdvWaiter(const RdvWaiter &) = delete;
+    RdvWaiter &operator=(const RdvWaiter &) = delete;
+
+  private:
+    semaphore *s_;
+};
+
+void wait_smdel(semaphore *s) {
+    KT4_VERIFY_AS(pthread_cond_wait(&(s->smdel_cplt), &(s->smdel_lock)) == 0,
+                  "!pthread_cond_wait (&(semaphore->smdel_cplt), &(semaphore->smdel_lock))");
+}
 
 enum class Outcome { Taken, TimedOut, Released };
 
@@ -340,6 +380,12 @@ STATUS semGive(kt4SemId semId) {
         errno = kErrSemInvalid;
         return ERROR;
     }
+    // No upper bound below the counter's range: a binary semaphore given twice holds two tokens.
+    // A give that would carry the count past INT_MAX is refused and leaves it as it is.
+    if (s->count == INT_MAX) {
+        errno = kErrSemInvalid;
+        return ERROR;
+    }
     bool unsafe = false;
     bool restore = false;
     if (s->recursion >= 1) {
@@ -351,7 +397,7 @@ STATUS semGive(kt4SemId semId) {
             restore = (s->type_options & kOptInversionSafe) != 0;
         }
     } else {
-        s->count += 1; // no upper bound: a binary semaphore given twice holds two tokens
+        s->count += 1;
     }
     if (!pend_empty(&s->pend))
         KT4_VERIFY_AS(pthread_cond_broadcast(&(s->sema4_send)) == 0,
@@ -386,10 +432,11 @@ STATUS semFlush(kt4SemId semId) {
         KT4_VERIFY_AS(pthread_cond_broadcast(&(s->sema4_send)) == 0,
                       "!pthread_cond_broadcast (&(semaphore->sema4_send))");
         lk.unlock();
-        while (!pend_empty(&s->pend))
-            KT4_VERIFY_AS(
-                pthread_cond_wait(&(s->smdel_cplt), &(s->smdel_lock)) == 0,
-                "!pthread_cond_wait (&(semaphore->smdel_cplt), &(semaphore->smdel_lock))");
+        // Until the last of the waiters released ends the round: takers arriving after it are
+        // not part of this flush.
+        RdvWaiter rdv(s);
+        while (s->release & kReleaseFlush)
+            wait_smdel(s);
     }
     taskUnlock();
     return OK;
@@ -403,23 +450,28 @@ STATUS semDelete(kt4SemId semId) {
     }
     ObjLock lk(s->sema4_lock, kSemLock, kSemUnlock);
     lk.adopt();
+    bool marked = false; // this call set the delete mark
     for (;;) {
+        if (!marked && (s->release & kReleaseDelete)) { // another delete is under way
+            errno = kErrIdError;
+            return ERROR;
+        }
         if (!pend_empty(&s->pend)) {
             ObjLock del(s->smdel_lock, kDelLock, kDelUnlock);
             del.lock();
             s->release |= kReleaseDelete;
+            marked = true;
             KT4_VERIFY_AS(pthread_cond_broadcast(&(s->sema4_send)) == 0,
                           "!pthread_cond_broadcast (&(semaphore->sema4_send))");
             lk.unlock();
+            // The mark stays set, so every taker leaves at once and the list drains.
             while (!pend_empty(&s->pend))
-                KT4_VERIFY_AS(
-                    pthread_cond_wait(&(s->smdel_cplt), &(s->smdel_lock)) == 0,
-                    "!pthread_cond_wait (&(semaphore->smdel_cplt), &(semaphore->smdel_lock))");
+                wait_smdel(s);
         } else {
             lk.unlock();
         }
         // Table lock first, then the object lock: once both are held with the entry still ours,
-        // nobody holds or waits for the record any more.
+        // no new caller can reach the record.
         table_lock();
         if (entry_of(semId) != s) { // a concurrent delete finished first
             table_unlock();
@@ -427,9 +479,16 @@ STATUS semDelete(kt4SemId semId) {
             return ERROR;
         }
         lk.lock();
-        if (!pend_empty(&s->pend)) { // a taker arrived after the waiters left: release it too
-            table_unlock();
+        if (!pend_empty(&s->pend) || (!marked && (s->release & kReleaseDelete))) {
+            table_unlock(); // waiters to release, or another deleter's mark (refused above)
             continue;
+        }
+        {
+            // Flushers whose round has ended may still be waking on smdel_cplt.
+            ObjLock del(s->smdel_lock, kDelLock, kDelUnlock);
+            del.lock();
+            while (s->rdv_waiters != 0)
+                wait_smdel(s);
         }
         sema4_entry &e = v2pt_sema4_array[semId % V2PT_MAX_SEMID_IDX];
         e.sem = nullptr;

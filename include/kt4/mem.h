@@ -115,6 +115,9 @@ int M_memBlockPoolId(const void *addr);
 
 void *M_sysMalloc(const char *file, int line, size_t size);
 void *M_sysCalloc(const char *file, int line, size_t nmemb, size_t size);
+/* OK (also for NULL). An address that is not a live block of M_sysMalloc/M_sysCalloc (from
+ * malloc, inside a block, or released already) is refused untouched: ERROR, errno EINVAL, and a
+ * report naming file and line. */
 STATUS M_sysMemfree(const char *file, int line, void *addr);
 
 /* ---- Memory-pressure gate ----

@@ -5,6 +5,8 @@
 
 #include <gtest/gtest.h>
 
+#include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <set>
 #include <string>
@@ -193,6 +195,54 @@ TEST_F(Pools, BadFreesAreRefusedAndThePoolStaysWhole) {
     EXPECT_EQ(0u, info(pool(0)).chnksInUse);
 }
 
+// Memory that is no longer (or never was) the allocator's is refused from its own records: the
+// ASan build proves that nothing in it is read.
+TEST_F(Pools, FreesOfMemoryThatIsNotOursAreRefusedWithoutReadingIt) {
+    ASSERT_EQ(0, M_memPoolCreate("doomed", pool(0), 64));
+    ASSERT_EQ(0, M_memPoolCreate("wide", pool(1), 40000)); // three page units per page
+    void *a = M_memBlockAlloc("t", __LINE__, 64, pool(0));
+    void *w1 = M_memBlockAlloc("t", __LINE__, 40000, pool(1));
+    void *w2 = M_memBlockAlloc("t", __LINE__, 40000, pool(1));
+    ASSERT_TRUE(a && w1 && w2);
+    EXPECT_EQ(OK, M_memPoolFree(pool(0)));
+    testing::internal::CaptureStdout();
+    kt4TracePrintOn();
+    EXPECT_EQ(ERROR, M_memBlockFree("t", __LINE__, a)); // its page went with the pool
+    EXPECT_EQ(-1, M_memBlockPoolId(a));
+    void *m = std::malloc(64);
+    EXPECT_EQ(ERROR, M_memBlockFree("t", __LINE__, m)); // in front of it: the C library's header
+    kt4TracePrintOff();
+    std::string out = testing::internal::GetCapturedStdout();
+    std::free(m);
+    EXPECT_NE(std::string::npos, out.find("Block Addr Not Freed")) << out;
+    // Blocks far into a page spanning several granules are still found.
+    EXPECT_EQ(pool(1), M_memBlockPoolId(w2));
+    EXPECT_EQ(OK, M_memBlockFree("t", __LINE__, w2));
+    EXPECT_EQ(OK, M_memBlockFree("t", __LINE__, w1));
+}
+
+TEST_F(Pools, SystemMemoryFreeKnowsItsOwnBlocks) {
+    auto *s = static_cast<char *>(M_sysMalloc("t", __LINE__, 48));
+    void *m = std::malloc(48);
+    ASSERT_TRUE(s && m);
+    testing::internal::CaptureStdout();
+    kt4TracePrintOn();
+    errno = 0;
+    EXPECT_EQ(ERROR, M_sysMemfree("t", __LINE__, m)); // the C library's block
+    EXPECT_EQ(EINVAL, errno);
+    EXPECT_EQ(ERROR, M_sysMemfree("t", __LINE__, s + 8)); // inside one of ours
+    EXPECT_EQ(OK, M_sysMemfree("t", __LINE__, s));
+    EXPECT_EQ(ERROR, M_sysMemfree("t", __LINE__, s)); // twice
+    kt4TracePrintOff();
+    std::string out = testing::internal::GetCapturedStdout();
+    std::free(m);
+    size_t reports = 0;
+    for (size_t at = out.find("M_sysMemfree"); at != std::string::npos;
+         at = out.find("M_sysMemfree", at + 1))
+        ++reports;
+    EXPECT_EQ(3u, reports) << out;
+}
+
 TEST_F(Pools, OverrunIntoTheNextChunkIsReportedAtFree) {
     ASSERT_EQ(0, M_memPoolCreate("overrun", pool(0), 32));
     auto *a = static_cast<unsigned char *>(M_memBlockAlloc("t", __LINE__, 32, pool(0)));
@@ -370,11 +420,24 @@ TEST(MemoryCheck, PoolBlocksAreGuardedAndRegistered) {
     EXPECT_EQ(OK, kt4MC_M_memBlockFree("mcfileA", 8, a));
     EXPECT_EQ(guardErrors + 1, MCGuardErrors());
     EXPECT_EQ(ERROR, kt4MC_M_memBlockFree("mcfileA", 9, a)); // the guard knows it is gone
+    EXPECT_EQ(guardErrors + 2, MCGuardErrors());
     EXPECT_EQ(OK, kt4MC_M_memBlockVarFree("mcfileV", 10, v, kPart));
     EXPECT_EQ(0, kt4MC_M_sysMemfree("mcfileS", 12, s));
+    EXPECT_EQ(-1, kt4MC_M_sysMemfree("mcfileS", 13, s));
+    EXPECT_EQ(guardErrors + 3, MCGuardErrors());
+    // Released twice, and released after its pool: refused without reading the freed memory.
+    void *h = kt4MC_malloc("mcfileH", 14, 24);
+    kt4MC_free("mcfileH", 15, h);
+    kt4MC_free("mcfileH", 16, h);
+    EXPECT_EQ(guardErrors + 4, MCGuardErrors());
+    void *late = kt4MC_M_memBlockAlloc("mcfileL", 17, 96, KT4_MEM_POOL_ID(kPart, 0));
+    ASSERT_NE(nullptr, late);
+    EXPECT_EQ(OK, M_memPoolFree(KT4_MEM_POOL_ID(kPart, 0)));
+    EXPECT_EQ(ERROR, kt4MC_M_memBlockFree("mcfileL", 18, late));
+    ASSERT_EQ(0, MCLock());
+    MCFree("mcfileL", 18, late); // its registration went stale with the pool
+    MCUnlock();
     EXPECT_TRUE(mine().empty());
-    M_memPoolInfoGet(KT4_MEM_POOL_ID(kPart, 0), &in);
-    EXPECT_EQ(0u, in.chnksInUse);
     EXPECT_EQ(OK, kt4_memPartDelete(kPart));
     kt4MemSetUsageHook(nullptr);
 }

@@ -16,11 +16,10 @@ void be32_at(std::vector<unsigned char> &v, size_t off, uint32_t x) {
     v[off + 3] = static_cast<unsigned char>(x);
 }
 
-// The announcement goes through kt4IpcSend: with guaranteed delivery on (every process's
-// default) the first message to the manager is a guaranteed first send (command type 9) that
+// The announcement goes through kt4IpcSend: with guaranteed delivery on, the first message to the manager is a guaranteed first send (command type 9) that
 // completes when the manager acknowledges it with command type 8.
 TEST(TaskReady, SendsTheSeventyTwoByteMessageAndWaitsForTheManagersAcknowledgement) {
-    ASSERT_EQ(kt4IsIpcGuaranteedEnabled(), 1u);
+    kt4IpcGuaranteedEnDis(1);
     const uint32_t tmeAddr = kt4_sysGetIpAddr();
     const uint32_t tmeInst = kt4_sysGetInstance();
     ASSERT_EQ(tmeAddr, tmetest::card_addr());

@@ -1,6 +1,6 @@
 // Semaphores and message queues: time-outs and no-wait codes, the turn rule's order, flush and
-// delete releasing every waiter before they return, stale ids, urgent messages and the
-// capacity-0 hand-over.
+// delete releasing every waiter before they return (also while takers keep arriving, and with
+// two deletes at once), stale ids, urgent messages and the capacity-0 hand-over.
 #include "vx2bsd/vx_test.h"
 
 #include <kt4/hostsim.h>
@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <condition_variable>
 #include <cstring>
 
@@ -43,6 +44,19 @@ TEST_F(Semaphores, NoWaitTimeoutAndInvalidIds) {
     for (int i = 0; i < 3; ++i)
         EXPECT_EQ(OK, semTake(c, NO_WAIT));
     EXPECT_EQ(ERROR, semTake(c, NO_WAIT));
+
+    // A give at the counter's maximum is refused and the count stays usable.
+    kt4SemId full = semCCreate(KT4_SEM_Q_FIFO, INT_MAX);
+    ASSERT_NE(0u, full);
+    errno = 0;
+    EXPECT_EQ(ERROR, semGive(full));
+    EXPECT_EQ(KT4_E_INVALID_OPERATION, errno);
+    EXPECT_EQ(OK, semTake(full, NO_WAIT));
+    EXPECT_EQ(OK, semGive(full));
+    EXPECT_EQ(ERROR, semGive(full));
+    EXPECT_EQ(OK, semTake(full, NO_WAIT));
+    EXPECT_EQ(OK, semTake(full, NO_WAIT));
+    EXPECT_EQ(OK, semDelete(full));
 
     EXPECT_EQ(OK, semDelete(b));
     EXPECT_EQ(OK, semDelete(c));
@@ -220,6 +234,108 @@ TEST_F(Semaphores, DeleteReleasesEveryWaiterWithAnError) {
     EXPECT_TRUE(eventually([&] { return task_count() == kServiceTasks; }));
 }
 
+// Users that call again at once whatever they get until their object is gone, then deleters
+// started together (a plain condition variable, which the layer does not see). Every call must
+// return.
+struct Churn {
+    std::mutex m;
+    std::condition_variable cv;
+    bool go = false;
+    std::atomic<bool> stop{false};
+    std::atomic<int> ok{0}, refused{0}, other{0};
+    std::vector<int> ids;
+
+    void deleter(std::function<STATUS()> del, std::atomic<bool> &over) {
+        ids.push_back(spawn("tDel", 110, [this, del, &over] {
+            {
+                std::unique_lock<std::mutex> g(m);
+                cv.wait(g, [this] { return go; });
+            }
+            STATUS rc = del();
+            int e = errno;
+            if (rc == OK) over = true;
+            (rc == OK ? ok : e == KT4_E_OBJ_ID ? refused : other) += 1;
+        }));
+    }
+    void start() {
+        {
+            std::lock_guard<std::mutex> g(m);
+            go = true;
+        }
+        cv.notify_all();
+    }
+    bool returned(int n) {
+        bool all = eventually([&] { return ok + refused + other == n; }, 5000);
+        stop = true; // lets the users go also when a delete hangs
+        return all;
+    }
+    bool finished() {
+        return eventually(
+            [&] { return std::all_of(ids.begin(), ids.end(), [](int id) { return gone(id); }); },
+            5000);
+    }
+};
+
+TEST_F(Semaphores, FlushAndDeleteEndWhileTakersKeepArriving) {
+    for (int round = 0; round < 8; ++round) {
+        kt4SemId s = semBCreate(KT4_SEM_Q_FIFO, KT4_SEM_EMPTY);
+        Churn c;
+        std::atomic<bool> over{false};
+        std::atomic<int> flushes{0};
+        for (int i = 0; i < 3; ++i)
+            c.ids.push_back(spawn("tTaker", 110, [&c, &over, s] {
+                while (!c.stop && !over)
+                    semTake(s, 1);
+            }));
+        ASSERT_TRUE(eventually([&] { return pended(c.ids[0]) && pended(c.ids[1]); }));
+        if (round % 2 == 1) { // flushes before and during the deletes
+            c.ids.push_back(spawn("tFlush", 100, [&] {
+                while (!c.stop && semFlush(s) == OK)
+                    if (++flushes % 4 == 0) taskDelay(1);
+            }));
+            bool flushing = eventually([&] { return flushes >= 20; }, 5000);
+            if (!flushing) c.stop = true;
+            ASSERT_TRUE(flushing) << "round " << round << ": a flush hangs";
+        }
+        c.deleter([s] { return semDelete(s); }, over);
+        c.deleter([s] { return semDelete(s); }, over);
+        c.start();
+        EXPECT_TRUE(c.returned(2)) << "round " << round << ": a delete hangs";
+        ASSERT_TRUE(c.finished()) << "round " << round;
+        EXPECT_EQ(1, c.ok.load());
+        EXPECT_EQ(1, c.refused.load());
+        errno = 0;
+        EXPECT_EQ(ERROR, semTake(s, NO_WAIT));
+        EXPECT_EQ(KT4_E_OBJ_ID, errno);
+    }
+}
+
+TEST_F(Queues, DeleteEndsWhileReceiversAndSendersKeepArriving) {
+    for (int round = 0; round < 8; ++round) {
+        kt4MsgQId q[2] = {msgQCreate(1, 8, KT4_MSGQ_FIFO), msgQCreate(1, 8, KT4_MSGQ_FIFO)};
+        ASSERT_EQ(OK, msgQSend(q[1], "x", 1, NO_WAIT, KT4_MSG_PRI_NORMAL)); // senders wait
+        Churn c;
+        std::atomic<bool> over[2] = {false, false};
+        for (int i = 0; i < 4; ++i)
+            c.ids.push_back(spawn("tUser", 110, [&c, &over, &q, i] {
+                char buf[8];
+                while (!c.stop && !over[i % 2])
+                    if (i % 2 == 0)
+                        msgQReceive(q[0], buf, sizeof buf, 1);
+                    else
+                        msgQSend(q[1], "y", 1, 1, KT4_MSG_PRI_NORMAL);
+            }));
+        ASSERT_TRUE(eventually([&] { return pended(c.ids[0]) && pended(c.ids[1]); }));
+        for (int i : {0, 0, 1, 1})
+            c.deleter([&q, i] { return msgQDelete(q[i]); }, over[i]);
+        c.start();
+        EXPECT_TRUE(c.returned(4)) << "round " << round << ": a delete hangs";
+        ASSERT_TRUE(c.finished()) << "round " << round;
+        EXPECT_EQ(2, c.ok.load());
+        EXPECT_EQ(2, c.refused.load());
+    }
+}
+
 std::string recv_str(kt4MsgQId q, int timeout = NO_WAIT) {
     char buf[16];
     int n = msgQReceive(q, buf, sizeof buf, timeout);
@@ -262,6 +378,13 @@ TEST_F(Queues, LengthChecksTimeoutsAndInvalidIds) {
     errno = 0;
     EXPECT_EQ(ERROR, msgQSend(q, "123456789", 9, NO_WAIT, KT4_MSG_PRI_NORMAL));
     EXPECT_EQ(KT4_E_INVALID_MSG_LENGTH, errno);
+    // A length with no buffer behind it is refused; an empty message without one is fine.
+    errno = 0;
+    EXPECT_EQ(ERROR, msgQSend(q, nullptr, 8, NO_WAIT, KT4_MSG_PRI_NORMAL));
+    EXPECT_EQ(KT4_E_INVALID_MSG_LENGTH, errno);
+    EXPECT_EQ(0, msgQNumMsgs(q));
+    ASSERT_EQ(OK, msgQSend(q, nullptr, 0, NO_WAIT, KT4_MSG_PRI_NORMAL));
+    EXPECT_EQ(0, msgQReceive(q, buf, sizeof buf, NO_WAIT));
     ASSERT_EQ(OK, send_str(q, "hi"));
     errno = 0;
     EXPECT_EQ(ERROR, msgQReceive(q, buf, 7, NO_WAIT)); // one byte short of the largest message
