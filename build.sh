@@ -15,7 +15,7 @@ jobs=$(nproc 2>/dev/null || echo 2)
 TSAN_DIRS="vx2bsd timer platform log mem ipc tme swp"
 
 need_packages() {
-    local pkgs="cmake ninja-build g++ clang libclang-rt-14-dev libgtest-dev libgmock-dev libbenchmark-dev ccache"
+    local pkgs="cmake ninja-build g++ clang libclang-rt-14-dev libgtest-dev libgmock-dev libbenchmark-dev ccache pkg-config iproute2"
     local missing=""
     for p in $pkgs; do
         dpkg -s "$p" >/dev/null 2>&1 || missing="$missing $p"

@@ -13,6 +13,7 @@
 #include "containers/radix_impl.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <array>
 #include <cstring>
 
@@ -272,7 +273,9 @@ bool radix_create_args_ok(const char *name, int key_bits_) {
 // Readies a header for release: it must be empty; cursors and the outside list let go of it.
 bool radix_teardown(Tree *t) {
     if (t->rtt_root != nullptr) {
+        // The tree keeps its nodes and its header: the caller removes the entries first.
         _kt4Assert("!rtt->rtt_root", kTag, __LINE__);
+        errno = ENOTEMPTY;
         return false;
     }
     for (kt4DLLLink *l = kt4DLLGetFirst(&t->rtt_cl); l != nullptr; l = kt4DLLGetFirst(&t->rtt_cl)) {
@@ -344,10 +347,12 @@ kt4RadixEntry *kt4RadixInsert(kt4RadixTree *t, kt4RadixEntry *rth, int bitlen) {
     RDX_CHECK(t, kTag, return nullptr);
     if (rth == nullptr) {
         _kt4Assert("rth", kTag, __LINE__);
+        errno = EINVAL;
         return nullptr;
     }
     if (rth->rth_addr == nullptr) {
         _kt4Assert("rth->rth_addr", kTag, __LINE__);
+        errno = EINVAL;
         return nullptr;
     }
     rth->rth_key = rth->rth_addr;
@@ -360,14 +365,20 @@ kt4RadixEntry *kt4RadixInsert(kt4RadixTree *t, kt4RadixEntry *rth, int bitlen) {
             rth->rdcl_cl.next = rth->rdcl_cl.prev = nullptr;
         }
     }
-    if (!length_ok(t, bitlen)) return nullptr;
+    if (!length_ok(t, bitlen)) {
+        errno = EINVAL;
+        return nullptr;
+    }
     const auto L = static_cast<unsigned>(bitlen);
     const uint8_t *key = rth->rth_key;
     ++be(t->rtt_inserts);
 
     if (t->rtt_root == nullptr) {
         Node *n = alloc_node(t, L);
-        if (n == nullptr) return nullptr;
+        if (n == nullptr) {
+            errno = ENOMEM;
+            return nullptr;
+        }
         n->rtn_entry = rth;
         rth->rth_rtn = n;
         t->rtt_root = n;
@@ -402,7 +413,10 @@ kt4RadixEntry *kt4RadixInsert(kt4RadixTree *t, kt4RadixEntry *rth, int bitlen) {
     }
 
     Node *x = alloc_node(t, L);
-    if (x == nullptr) return nullptr;
+    if (x == nullptr) {
+        errno = ENOMEM;
+        return nullptr;
+    }
     x->rtn_entry = rth;
 
     if (d != nbit) {
@@ -414,6 +428,7 @@ kt4RadixEntry *kt4RadixInsert(kt4RadixTree *t, kt4RadixEntry *rth, int bitlen) {
                 t->rtt_free(x);
                 ++be(t->rtt_frees);
                 --be(t->rtt_inodes);
+                errno = ENOMEM;
                 return nullptr;
             }
             if (test_bit(key, d)) {

@@ -11,6 +11,7 @@
 // record is on its way halves the memory stalls of a search in a table larger than the cache.
 #include "containers/internal.h"
 
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 
@@ -504,8 +505,11 @@ kt4RBTree *kt4::ctr::rbtree_init_header(kt4RBTree *t, const char *name, uint32_t
     else
         std::strncpy(t->rbtt_name, name, KT4_RBTREE_NAME_MAX);
     t->rbtt_name[KT4_RBTREE_NAME_MAX] = '\0';
-    if (compare == nullptr) {
+    // _RBTCompare is the dispatcher that calls the tree's compare: as the tree's compare it
+    // would call itself for ever.
+    if (compare == nullptr || compare == _RBTCompare) {
         _kt4Assert("rbtt_compare", kRBTreeTag, __LINE__);
+        errno = EINVAL;
         return nullptr;
     }
     kt4RBTreeNode *nil = &t->rbtt_nil;
@@ -555,6 +559,11 @@ int _RBTCompare(kt4RBTree *tree, const void *a, const void *b) {
     const uint32_t mode = be(tree->rbtt_cmpmode);
     if (mode & KT4_RBTREE_CMP_UL) return _RBTCompareUL(tree, a, b);
     if (mode & KT4_RBTREE_CMP_I) return _RBTCompareI(tree, a, b);
+    if (KT4_UNLIKELY(tree->rbtt_compare == _RBTCompare || tree->rbtt_compare == nullptr)) {
+        // A header written by hand: creation never stores either.
+        _kt4Assert("rbtt_compare", kRBTreeTag, __LINE__);
+        return 0;
+    }
     return tree->rbtt_compare(tree, a, b);
 }
 

@@ -9,8 +9,8 @@
 #include <string.h>
 
 struct route {
-    uint32_t key;
     const char *name;
+    uint32_t key; /* not at offset 0: look-ups take a probe record, not a bare key */
 };
 
 static int fired;
@@ -61,17 +61,17 @@ int main(void) {
     CHECK(kt4TmrHeadDestroy(&head) == OK);
 
     /* Containers: a red-black tree keyed by an unsigned word of the caller's record. */
-    struct route r[3] = {{30, "c"}, {10, "a"}, {20, "b"}};
+    struct route r[3] = {{"c", 30}, {"a", 10}, {"b", 20}};
     kt4RBTree *tree = kt4RBTreeCreate("routes", offsetof(struct route, key), sizeof(uint32_t), NULL,
                                       NULL, _RBTCompareUL);
     CHECK(tree != NULL);
     for (int i = 0; i < 3; ++i)
         CHECK(kt4RBTreeInsert(tree, &r[i]) == 1);
-    uint32_t want = 20;
+    struct route want = {NULL, 20}; /* a probe: the key at the record's offset */
     struct route *hit = (struct route *)kt4RBTreeGetExact(tree, &want);
     CHECK(hit != NULL && strcmp(hit->name, "b") == 0);
     for (int i = 0; i < 3; ++i)
-        CHECK(kt4RBTreeRemove(tree, &r[i].key) == &r[i]);
+        CHECK(kt4RBTreeRemove(tree, &r[i]) == &r[i]);
     kt4RBTreeDestroy(tree);
 
     /* Interface indexes, IPC addressing, task keys. */

@@ -18,7 +18,6 @@
 
 KT4_BEGIN_DECLS
 
-
 /* The record that embeds `member` at the address `ptr` (a link, a node). */
 #define KT4_CONTAINER_OF(ptr, type, member) ((type *)((char *)(ptr)-offsetof(type, member)))
 
@@ -102,9 +101,28 @@ void kt4FreeIndexDump(kt4FreeIndexList *list);                   /* prints to st
  * may coexist (a new entry goes to the right of its equals). Every public operation returns
  * the caller's record, or 0 for none; the _kt4RBTree* forms work on nodes.
  *
+ * The compare function: compare(tree, a, b) returns a negative number when a sorts before b,
+ * 0 when they are equal, a positive number after. a is always the probe of a look-up or the
+ * record being inserted; b is always a record in the tree.
+ *
+ * Look-ups and removes take a probe: a record, not a bare key. The compare reads the key out
+ * of the probe exactly as out of a record, so the probe must carry the key at the record's
+ * key offset (the "probe" parameter of the calls below). With the key at offset 8, passing
+ * the address of a bare key finds nothing:
+ *
+ *     struct route { uint32_t flags; uint32_t metric; uint32_t prefix; const char *name; };
+ *     kt4RBTree *t = kt4RBTreeCreate("routes", offsetof(struct route, prefix), 4, NULL, NULL,
+ *                                    _RBTCompareUL);
+ *     kt4RBTreeInsert(t, &r);                        // r.prefix set
+ *     struct route probe = { .prefix = 0x0A000000 }; // only the key matters
+ *     struct route *hit = kt4RBTreeGetExact(t, &probe);
+ *     kt4RBTreeRemove(t, &probe);                    // an entry equal to the probe
+ *
  * The built-in compares _RBTCompareUL and _RBTCompareI read an unsigned / signed 32-bit
- * integer at the tree's key offset inside each record, in the processor's own byte order (the
- * record is the caller's); the tree recognises them by address and compares directly.
+ * integer at the tree's key offset inside each record (and probe), in the processor's own
+ * byte order (the record is the caller's); the tree recognises them by address and compares
+ * directly. For any other key, pass a compare of your own; the key offset and length are then
+ * only stored.
  */
 #define KT4_RBTREE_MAGIC 0xDEADBEEFu
 #define KT4_RBTREE_NAME_MAX 50
@@ -154,6 +172,9 @@ typedef struct kt4RBTree {
     kt4Be32 rbtt_cmpmode;        /* KT4_RBTREE_CMP_* */
 } kt4RBTree;
 
+/* keyOffset: where the key sits in each record (read by the built-in compares only). Zero
+ * hooks take the defaults. 0 when the header cannot be had or compare is null or
+ * _RBTCompare. */
 kt4RBTree *kt4RBTreeCreate(const char *name, uint32_t keyOffset, uint32_t keyLength,
                            kt4RBTreeAllocFn alloc, kt4RBTreeFreeFn release,
                            kt4RBTreeCompareFn compare);
@@ -166,13 +187,16 @@ int kt4RBTreeDestroy(kt4RBTree *tree);
 int kt4RBTreeShmDestroy(kt4RBTree *tree);
 
 int kt4RBTreeInsert(kt4RBTree *tree, void *record); /* 1, or 0 when no node could be had */
-void *kt4RBTreeRemove(kt4RBTree *tree, const void *key);
+/* probe: a record carrying the key looked for (see above). Remove takes out an entry equal to
+ * the probe and returns its record. */
+void *kt4RBTreeRemove(kt4RBTree *tree, const void *probe);
 void *kt4RBTreeGetFirst(kt4RBTree *tree);
-void *kt4RBTreeGetExact(kt4RBTree *tree, const void *key);
-void *kt4RBTreeGetNext(kt4RBTree *tree, const void *key);
-void *kt4RBTreeGetExactOrNext(kt4RBTree *tree, const void *key);
-void *kt4RBTreeGetExactOrPrev(kt4RBTree *tree, const void *key);
-/* start 0: from the first entry; maxVisits 0: no limit; flags KT4_RBTREE_WALK_PREORDER. */
+void *kt4RBTreeGetExact(kt4RBTree *tree, const void *probe);
+void *kt4RBTreeGetNext(kt4RBTree *tree, const void *probe);        /* first entry after */
+void *kt4RBTreeGetExactOrNext(kt4RBTree *tree, const void *probe); /* equal, else next */
+void *kt4RBTreeGetExactOrPrev(kt4RBTree *tree, const void *probe); /* equal, else previous */
+/* start: a probe, 0 for the first entry; maxVisits 0: no limit; flags
+ * KT4_RBTREE_WALK_PREORDER. */
 void *kt4RBTreeWalk(kt4RBTree *tree, const void *start, kt4RBTreeVisitFn visit, uint32_t maxVisits,
                     uint32_t flags, ...);
 int kt4RBTreeDebug(kt4RBTree *tree, int on);
@@ -181,8 +205,12 @@ void kt4RBTreePrint(kt4RBTree *tree, kt4RBTreePrintFn print);
 void *kt4RBTreeMalloc(size_t size);
 void kt4RBTreeFree(void *node);
 
+/* The built-in compares, to pass at creation. */
 int _RBTCompareUL(struct kt4RBTree *tree, const void *a, const void *b);
 int _RBTCompareI(struct kt4RBTree *tree, const void *a, const void *b);
+/* The tree's own dispatcher: compares two records of the tree as its look-ups do (built-in
+ * compare or the tree's compare function). Not a compare function to create a tree with:
+ * creation refuses it (assertion "rbtt_compare", 0, errno EINVAL). */
 int _RBTCompare(struct kt4RBTree *tree, const void *a, const void *b);
 
 /* Node-level forms. Insert links a node the caller allocated (its data set) and always
@@ -190,10 +218,10 @@ int _RBTCompare(struct kt4RBTree *tree, const void *a, const void *b);
  * the caller. Neither touches the allocation counters. Successor and predecessor step from a
  * node the caller holds, which is the way to visit entries with equal keys one by one. */
 kt4RBTreeNode *_kt4RBTreeGetFirst(kt4RBTree *tree);
-kt4RBTreeNode *_kt4RBTreeGetExact(kt4RBTree *tree, const void *key);
-kt4RBTreeNode *_kt4RBTreeGetNext(kt4RBTree *tree, const void *key);
-kt4RBTreeNode *_kt4RBTreeGetExactOrNext(kt4RBTree *tree, const void *key);
-kt4RBTreeNode *_kt4RBTreeGetExactOrPrev(kt4RBTree *tree, const void *key);
+kt4RBTreeNode *_kt4RBTreeGetExact(kt4RBTree *tree, const void *probe);
+kt4RBTreeNode *_kt4RBTreeGetNext(kt4RBTree *tree, const void *probe);
+kt4RBTreeNode *_kt4RBTreeGetExactOrNext(kt4RBTree *tree, const void *probe);
+kt4RBTreeNode *_kt4RBTreeGetExactOrPrev(kt4RBTree *tree, const void *probe);
 int _kt4RBTreeInsert(kt4RBTree *tree, kt4RBTreeNode *node);
 kt4RBTreeNode *_kt4RBTreeRemove(kt4RBTree *tree, kt4RBTreeNode *node);
 kt4RBTreeNode *_kt4RBTreeWalk(kt4RBTree *tree, const void *start, kt4RBTreeVisitFn visit,

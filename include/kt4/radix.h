@@ -183,7 +183,9 @@ kt4RadixTree *kt4RadixCreate(const char *name, int keyBits, kt4RadixAllocFn allo
 kt4RadixTree *kt4RadixCreateP(const char *name, int keyBits, kt4RadixAllocFn alloc,
                               kt4RadixFreeFn release, kt4RadixRmFreeFn rmfree);
 /* Releases the header of an empty tree (and detaches its outside change list). A tree that
- * still holds nodes is reported and kept: ERROR. */
+ * still holds entries is reported (assertion "!rtt->rtt_root") and kept whole: ERROR with
+ * errno ENOTEMPTY. Remove every entry first (kt4RadixGetNext(tree, 0, 0) then
+ * kt4RadixRemove, until none is left); the entries are the caller's to release. */
 STATUS kt4RadixDestroy(kt4RadixTree *tree);
 STATUS kt4RadixDestroyP(kt4RadixTree *tree);
 /* 1 (the default): record arguments are asserted and lengths above the key length refused.
@@ -191,8 +193,14 @@ STATUS kt4RadixDestroyP(kt4RadixTree *tree);
 int kt4RadixDebug(kt4RadixTree *tree, int on);
 void kt4RadixGetStats(const kt4RadixTree *tree, kt4RadixStats *stats);
 
-/* The entry on success; the entry already holding that prefix when there is one (the new one
- * is then not inserted); 0 on failure (no node, length refused). */
+/* Inserts the prefix of bitlen bits read from entry->rth_addr, which the caller sets first.
+ * The entry on success; the entry already holding that prefix when there is one (the new one
+ * is then not inserted); 0 on failure, with errno EINVAL for a null entry or rth_addr (also
+ * asserted) or a bitlen below 0 or, while checking is on, above the tree's key length (33 in
+ * an IPv4 tree), and ENOMEM when no node could be had.
+ * Host bits need not be zero: only the first bitlen bits of a key are ever compared, so
+ * 10.9.9.9/8 is the prefix 10.0.0.0/8. The tree keeps pointing at the caller's key bytes
+ * (rth_key), so keep them unchanged while the entry is in the tree. */
 kt4RadixEntry *kt4RadixInsert(kt4RadixTree *tree, kt4RadixEntry *entry, int bitlen);
 void kt4RadixRemove(kt4RadixTree *tree, kt4RadixEntry *entry);
 

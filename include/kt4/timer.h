@@ -86,13 +86,13 @@ char *kt4TimerTickGetStr(char *buf, uint64_t ticks);
  * below it, it lands in the far future instead).
  * ====================================================================================== */
 
+#define KT4_TIMER_ONE_SHOT 0 /* T_type of a timer that fires once (any value but 3 does) */
 #define KT4_TIMER_PERIODIC 3 /* T_type of a timer re-armed after each firing */
 
 /* Callback parameter: as wide as a pointer, so that a record's address can be passed. */
 typedef void (*KT4_TMR_CB)(uintptr_t param);
 typedef void *(*KT4_TMR_ALLOC_FN)(size_t size);
 typedef void (*KT4_TMR_FREE_FN)(void *record);
-
 
 /*
  * The head, embedded by the owner and set up with kt4TmrHeadInit. Its integers are kept
@@ -162,9 +162,24 @@ void kt4TimerPrintCurrentTick(void);
  *
  * The caller's timer records begin with a kt4cwTimerLink (three words owned by the wheel,
  * all null while the timer is stopped) and are TimerSize bytes long. One bucket per tick;
- * a timer started with delay d fires during the (d + 1)-th kt4cwTimerTick call. There is
- * no revolution count: keep delays below the number of buckets. Nothing is locked; a wheel
- * belongs to the thread that ticks it.
+ * a timer started with delay d fires during the (d + 1)-th kt4cwTimerTick call after the
+ * start. Inside an expiry handler the wheel has not yet moved on (it advances when the
+ * tick's bucket is empty), so a timer started from a handler with delay d fires during the
+ * d-th tick call after the current one: a periodic timer of p ticks restarts itself from its
+ * handler with delay p, and a start with delay 0 fires again within the same tick call (a
+ * handler that always does that never lets the tick return). There is no revolution
+ * count: keep delays below the number of buckets. Nothing is locked; a wheel belongs to the
+ * thread that ticks it.
+ *
+ * Two ways to drive a wheel:
+ *   - kt4cwTimerTick, once per tick: takes every timer due in this tick off the wheel
+ *     (stopped), calls the expiry handler given to kt4cwTimerInit with each, in the order
+ *     they were started, and moves to the next tick;
+ *   - by hand: kt4cwGetNextExpiredTimer returns the current tick's timers one at a time
+ *     (each stopped; null when none is left), for a caller that handles them itself (a
+ *     bounded number per pass, or outside the handler's context); when it returns null,
+ *     kt4cwTimerTick moves to the next tick and, the tick's timers being taken, calls no
+ *     handler.
  * ====================================================================================== */
 
 typedef struct kt4cwTimerLink {
@@ -199,8 +214,13 @@ void kt4cwRemoveFreeList(tkt4cwTimerCB *cb);
 int kt4cwStartTimer(tkt4cwTimerCB *cb, void *timer, uint16_t delay);
 int kt4cwStopTimer(void *timer);
 int kt4cwRestartTimer(tkt4cwTimerCB *cb, void *timer, uint16_t delay);
+/* One tick: fires the tick's timers through the expiry handler (see above); returns the
+ * new current bucket. */
 uint32_t kt4cwTimerTick(tkt4cwTimerCB *cb);
+/* The next timer due in the current tick, stopped, or null: for driving the wheel by hand. */
 void *kt4cwGetNextExpiredTimer(tkt4cwTimerCB *cb);
+/* Tick calls until the next timer fires, -1 when none runs (one lower for a timer in a
+ * bucket behind the current one: kept as callers have always had it). */
 int kt4cwTimerRetNext(tkt4cwTimerCB *cb);
 void kt4cwPrintTimerInfo(tkt4cwTimerCB *cb);
 void kt4cwPrintOnlyTimerInfo(tkt4cwTimerCB *cb);

@@ -39,6 +39,11 @@ typedef uintptr_t kt4_arg_t;
 #define KT4_E_INVALID_MSG_LENGTH 0x410001
 #define KT4_E_NO_TCB_MEMORY 0x580001
 
+/* The text of an errno value: a KT4_E_* code by name and meaning ("KT4_E_OBJ_TIMEOUT: timed
+ * out"), any other value as strerror gives it. The text is the library's (per thread, valid
+ * until the thread's next call); never null. */
+const char *kt4ErrnoText(int code);
+
 /* ---- Tasks ---- */
 
 typedef int (*kt4TaskEntry)(kt4_arg_t, kt4_arg_t, kt4_arg_t, kt4_arg_t, kt4_arg_t, kt4_arg_t,

@@ -5,6 +5,8 @@
 #include <kt4/containers.h>
 
 #include <algorithm>
+#include <cerrno>
+#include <cstddef>
 #include <map>
 #include <set>
 #include <random>
@@ -264,6 +266,10 @@ TEST_F(LeakChecked, RBTreeCreationAssertionsAndDebugFlag) {
     kt4RBTreeInsert(t, &a);
     Capture cap(true);
     EXPECT_EQ(nullptr, kt4RBTreeCreate("x", 0, 4, nullptr, nullptr, nullptr));
+    errno = 0;
+    // The dispatcher as the tree's compare would call itself for ever on the second insert.
+    EXPECT_EQ(nullptr, kt4RBTreeCreate("x", 0, 4, nullptr, nullptr, _RBTCompare));
+    EXPECT_EQ(EINVAL, errno);
     kt4RBTreeDestroy(kt4RBTreeCreate(nullptr, 0, 4, nullptr, nullptr, _RBTCompareI));
     EXPECT_EQ(nullptr, kt4RBTreeGetExact(nullptr, &a));
     EXPECT_EQ(nullptr, kt4RBTreeGetExact(t, nullptr)); // "data", then the compare's "one"
@@ -278,12 +284,63 @@ TEST_F(LeakChecked, RBTreeCreationAssertionsAndDebugFlag) {
     EXPECT_EQ(-1, _RBTCompareI(t, nullptr, &a)); // reported; a null record sorts first
     EXPECT_EQ(1, _RBTCompareUL(t, &a, nullptr));
     const std::string out = cap.take();
-    for (const char *once : {"rbtt_compare", "rbtt_name", "rbtt", "data", "print_fn", "two",
-                             "rbtt->rbtt_magic == 0xdeadbeef"})
+    EXPECT_EQ(2, Capture::count(out, "rbtt_compare"));
+    for (const char *once :
+         {"rbtt_name", "rbtt", "data", "print_fn", "two", "rbtt->rbtt_magic == 0xdeadbeef"})
         EXPECT_EQ(1, Capture::count(out, once)) << once;
     EXPECT_EQ(3, Capture::count(out, "one"));
     kt4RBTreeRemove(t, &a);
     kt4RBTreeDestroy(t);
+}
+
+// Look-ups take a probe record: with the key at offset 8, the probe carries it there, and
+// the compare sees the probe (or the record being inserted) first and a tree record second.
+struct Route8 {
+    uint32_t flags, metric, prefix;
+    int id;
+};
+struct Seen {
+    const void *probe = nullptr;
+    int calls = 0, probeFirst = 0;
+};
+Seen g_seen;
+int order_compare(kt4RBTree *, const void *a, const void *b) {
+    ++g_seen.calls;
+    g_seen.probeFirst += a == g_seen.probe;
+    const auto x = static_cast<const Route8 *>(a)->prefix,
+               y = static_cast<const Route8 *>(b)->prefix;
+    return x < y ? -1 : x > y;
+}
+
+TEST_F(LeakChecked, RBTreeLookUpsTakeAProbeAndCompareSeesItFirst) {
+    Route8 r[3] = {{0, 0, 30, 0}, {0, 0, 10, 1}, {0, 0, 20, 2}};
+    kt4RBTree *t =
+        kt4RBTreeCreate("r8", offsetof(Route8, prefix), 4, nullptr, nullptr, _RBTCompareUL);
+    kt4RBTree *u =
+        kt4RBTreeCreate("u8", offsetof(Route8, prefix), 4, nullptr, nullptr, order_compare);
+    for (Route8 &x : r) {
+        ASSERT_EQ(1, kt4RBTreeInsert(t, &x));
+        g_seen = {&x};
+        ASSERT_EQ(1, kt4RBTreeInsert(u, &x));
+        EXPECT_EQ(g_seen.calls, g_seen.probeFirst) << "the record inserted comes first";
+    }
+    Route8 probe{};
+    probe.prefix = 20;
+    EXPECT_EQ(&r[2], kt4RBTreeGetExact(t, &probe));
+    g_seen = {&probe};
+    EXPECT_EQ(&r[2], kt4RBTreeGetExact(u, &probe));
+    EXPECT_EQ(&r[0], kt4RBTreeGetNext(u, &probe));
+    EXPECT_GT(g_seen.calls, 0);
+    EXPECT_EQ(g_seen.calls, g_seen.probeFirst) << "the probe comes first";
+    EXPECT_EQ(&r[2], kt4RBTreeRemove(t, &probe));
+    for (Route8 &x : r) {
+        kt4RBTreeRemove(t, &x);
+        kt4RBTreeRemove(u, &x);
+    }
+    EXPECT_EQ(nullptr, kt4RBTreeGetFirst(t));
+    EXPECT_EQ(nullptr, kt4RBTreeGetFirst(u));
+    kt4RBTreeDestroy(t);
+    kt4RBTreeDestroy(u);
 }
 
 std::vector<void *> g_nodes;

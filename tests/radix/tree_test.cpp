@@ -12,6 +12,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdarg>
 #include <cstdio>
 
@@ -64,9 +65,29 @@ TEST_F(RadixTree, APrefixIsHeldOnceAndLengthsAboveTheKeyAreRefused) {
     EXPECT_EQ(nullptr, e(1)->rth_rtn);
     EXPECT_EQ(1u, stats().userNodes);
     EXPECT_EQ(2u, stats().inserts);
+    errno = 0;
     EXPECT_EQ(nullptr, add(2, "10.0.0.0", 33));
+    EXPECT_EQ(EINVAL, errno) << "a /33 in an IPv4 tree is refused with a reason";
     EXPECT_EQ(nullptr, kt4RadixGetExact(t, r[0].addr, 33));
+    r[3].rth.rth_addr = nullptr;
+    errno = 0;
+    EXPECT_EQ(nullptr, kt4RadixInsert(t, &r[3].rth, 16));
+    EXPECT_EQ(EINVAL, errno) << "an entry without key bytes is refused with a reason";
+    EXPECT_EQ(2u, stats().inserts) << "refused inserts are not counted";
+    errno = 0;
     EXPECT_EQ(ERROR, kt4RadixDestroy(t)) << "reported and kept: the tree is not empty";
+    EXPECT_EQ(ENOTEMPTY, errno);
+    EXPECT_EQ(e(0), kt4RadixGetNext(t, nullptr, 0)) << "the kept tree is whole";
+}
+
+TEST_F(RadixTree, HostBitsAreIgnored) {
+    EXPECT_EQ(e(0), add(0, "10.9.9.9", 8));
+    const uint8_t net[4] = {10, 0, 0, 0};
+    EXPECT_EQ(e(0), kt4RadixGetExact(t, net, 8));
+    EXPECT_EQ(e(0), best("10.1.2.3"));
+    EXPECT_EQ(e(1), add(1, "10.1.255.255", 16));
+    EXPECT_EQ(e(1), best("10.1.2.3"));
+    EXPECT_EQ(e(0), best("10.2.0.1"));
 }
 
 // Removes the target from inside a version walk (the node is locked), probes the best match

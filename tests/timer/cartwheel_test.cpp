@@ -139,6 +139,26 @@ TEST_F(Cartwheel, HandlersRearmIntoTheSameTickAndStopOthers) {
     kt4cwFreeTimer(cw_, b);
 }
 
+// A period of p ticks: started between ticks with delay p - 1 (fires during the p-th tick),
+// restarted from its handler with delay p (the wheel moves on only after the handlers), at
+// any place on the wheel and across its wrap.
+TEST_F(Cartwheel, ARestartFromTheHandlerKeepsThePeriod) {
+    make(8);
+    for (int skip = 0; skip < 3; ++skip)
+        kt4cwTimerTick(cw_); // start away from bucket 0
+    Rec *p = get(7);
+    std::vector<int> at;
+    int tick = 0;
+    on_expiry = [&](Rec *x) {
+        at.push_back(tick);
+        kt4cwRestartTimer(cw_, x, 5);
+    };
+    kt4cwStartTimer(cw_, p, 4);
+    for (tick = 1; tick <= 20; ++tick)
+        kt4cwTimerTick(cw_);
+    EXPECT_EQ((std::vector<int>{5, 10, 15, 20}), at);
+}
+
 TEST_F(Cartwheel, FreeListGrowsByTheExtension) {
     make(8); // defaults: 100 records, extension 50
     EXPECT_EQ(100, allocs);

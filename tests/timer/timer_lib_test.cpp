@@ -68,7 +68,8 @@ class TimerLib : public testing::Test {
         kt4TmrHeadDestroy(&head_);
         EXPECT_EQ(allocs, frees) << "timer records leaked";
     }
-    kt4Timer *make(uintptr_t param, int32_t secs, int32_t ticks = 0, uint32_t type = 0) {
+    kt4Timer *make(uintptr_t param, int32_t secs, int32_t ticks = 0,
+                   uint32_t type = KT4_TIMER_ONE_SHOT) {
         kt4Timer *t = kt4TickTimerCreate(cb, param, secs, ticks, type, &head_);
         if (t != nullptr) mine_.push_back(t);
         return t;
