@@ -152,9 +152,17 @@ int socket_open(int queueId, int protocol, bool secondary) {
         report_error("%s: errno: %d, kt4_ipcSOpen: socket open failed", who, errno);
         return -1;
     }
-    int one = 1, rcv = kRcvBuf, snd = kSndBuf;
+    int rcv = kRcvBuf, snd = kSndBuf;
+    // No SO_REUSEADDR, although the system's design sets it on every queue socket. On the
+    // system's own host the option never let a second socket bind the same unicast address and
+    // port of a UDP socket: a queue's port was ours alone. On Linux it does let any socket, of
+    // any user, that also sets it bind the same address and port, and the newest one then
+    // receives the queue's datagrams. Leaving it off keeps the original meaning on this host:
+    // one socket per queue address and port, whoever asks (SO_REUSEPORT is never set either,
+    // so no other socket can share the port). A UDP port has no TIME_WAIT to wait out, so
+    // nothing else is lost; a port still held by an endpoint that is going away is waited for
+    // by the bind retries below.
     // Option failures are not fatal: the socket works with the host's defaults.
-    (void)::setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
     (void)::setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &rcv, sizeof rcv);
     (void)::setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &snd, sizeof snd);
     sockaddr_in sa{};
@@ -261,15 +269,45 @@ void claim_for_caller(TaskLocalInfo *rec, int service, int instance) {
     rec->stateFlags &= ~kStateNotOpened;
 }
 
+// Claims (service, instance) in the card's task table before any socket is made: an endpoint
+// belongs to one process of the card. 0 when this process may open it (*created: the claim
+// made a new entry, to be taken back if the open fails); -1 with errno EEXIST (reported) when
+// a live process of the card holds it. A holder that has died is taken over. Without the
+// card's table (no shared area), or for an identity the table does not keep (a large
+// instance), the endpoint serves this process only and the claim is skipped; the queue ports,
+// which only one socket may hold, still keep two processes off one endpoint.
+int claim_on_card(int service, int instance, bool *created) {
+    int holder = 0;
+    if (kt4::tmeRegistryClaim(service, instance, kt4CardSlot(), getpid(), &holder, created) == 0)
+        return 0;
+    if (errno != EEXIST) return 0;
+    report_error("kt4IpcOpen: Task %s, service %d instance %d is held by process %d on this "
+                 "card, errno: %d",
+                 self_name(), service, instance, holder, EEXIST);
+    errno = EEXIST;
+    return -1;
+}
+
+// Takes back what open_endpoint did before it failed (the endpoint's own record keeps the
+// queues it did open, as before, for the owner to close). errno is kept.
+int open_failed(int service, int instance, bool claimed) {
+    int e = errno;
+    if (claimed) (void)kt4::tmeRegistryUnregister(service, instance, getpid());
+    errno = e;
+    return -1;
+}
+
 // Request and response queues of (service, instance) in rec; secondary for kt4IpcOpen2.
 int open_endpoint(TaskLocalInfo *rec, int service, int instance, bool secondary) {
     int key = (service << 7) | (instance << 2);
     if ((rec->openQueues & (kOpenReq | kOpenRsp)) == (kOpenReq | kOpenRsp)) return key;
+    bool claimed = false;
+    if (claim_on_card(service, instance, &claimed) != 0) return -1;
     if (!(rec->openQueues & kOpenReq)) {
         int fd = create_link(rec, kt4_getQueueId(service, instance, KT4_IPC_QUEUE_REQ), secondary);
         if (fd < 0) {
             report_error("Failed to create request socket fd for %s", self_name());
-            return -1;
+            return open_failed(service, instance, claimed);
         }
         grt_endpoint_init(key);
         rec->reqSock = static_cast<uint32_t>(fd);
@@ -280,7 +318,7 @@ int open_endpoint(TaskLocalInfo *rec, int service, int instance, bool secondary)
         int fd = create_link(rec, kt4_getQueueId(service, instance, KT4_IPC_QUEUE_RSP), secondary);
         if (fd < 0) {
             report_error("Failed to create response socket fd for %s", self_name());
-            return -1;
+            return open_failed(service, instance, claimed);
         }
         rec->rspSock = static_cast<uint32_t>(fd);
         raise_max_fd(rec, fd);
@@ -290,15 +328,16 @@ int open_endpoint(TaskLocalInfo *rec, int service, int instance, bool secondary)
         kt4SemId sem = semBCreate(KT4_SEM_Q_PRIORITY, KT4_SEM_FULL);
         if (sem == 0) {
             report_error("Failed to create ipc_rspq_sem for %s", self_name());
-            return -1;
+            return open_failed(service, instance, claimed);
         }
         rec->rspLink->rspSem = sem;
     }
     claim_for_caller(rec, service, instance);
     rec->opened = 1;
     rec->afterMax = 0;
-    // The card's task table lets the other processes of the card find this endpoint. Without
-    // the card's shared area there is no such table and the endpoint serves this process only.
+    // The card's task table lets the other processes of the card find this endpoint (the claim
+    // above made or kept our entry; this completes it with the bound address). Without the
+    // card's shared area there is no such table and the endpoint serves this process only.
     (void)kt4::tmeRegistryRegister(service, instance, local_addr(), kt4CardSlot(), getpid(),
                                    static_cast<int>(self_task_id()), self_name());
     return key;
@@ -325,8 +364,15 @@ bool large_instance(int instance) {
     return instance >= KT4_IPC_LARGE_INST_MIN && instance <= KT4_IPC_LARGE_INST_MAX;
 }
 
-// The record an open call works on, or null (reported).
+// The record an open call works on, or null (reported). Services outside 13..363 have no
+// key that close, send and receive accept: refused before any socket or semaphore is made.
 TaskLocalInfo *record_to_open(int service, int instance, bool secondary) {
+    if (!service_ok(service)) {
+        errno = EINVAL;
+        report_error("kt4IpcOpen: Task %s, service %d instance %d: services run from %d to %d",
+                     self_name(), service, instance, kMinService, kMaxService);
+        return nullptr;
+    }
     TaskLocalInfo *rec = secondary ? secondary_record(service)
                          : (instance >= 0 && instance < kInstancesPerKey)
                              ? localinfo_record(service, instance)

@@ -149,6 +149,7 @@ bool row_takes(uint32_t qid) {
 
 // Runs under the endpoint's response-queue semaphore (held by the caller).
 struct Exchange {
+    TaskLocalInfo *rec; // the sending endpoint (its budget of warnings)
     int key;
     Header *h;
     int len;
@@ -324,9 +325,11 @@ int guaranteed_exchange(Exchange &x, bool isOld) {
                                             static_cast<uint64_t>(now_usec() - started));
                 return x.len;
             }
+            const int epKey = x.key & ~3;
             if (isOld) {
                 if (len < kHeaderLen || hdr(ackBuf)->magic != kMagic) {
-                    report_warning(
+                    report_dropped(
+                        x.rec, "GrtSend", epKey,
                         "GrtSend: recv NON IPC msg on RSP Q: len %d mag %x when wait for "
                         "ACK type %d trans %d from %s",
                         static_cast<int>(r), peek_magic(ackBuf, len), static_cast<int>(mtype),
@@ -334,7 +337,8 @@ int guaranteed_exchange(Exchange &x, bool isOld) {
                 } else {
                     const Header &o = *hdr(ackBuf);
                     PeerName from(o.src.qid);
-                    report_warning(
+                    report_dropped(
+                        x.rec, "GrtSend", epKey,
                         "GrtSend: recv other msg on RSP Q type %d pkt %d trans %d cmd %s "
                         "from %s when wait for ACK type %d trans %d from %s",
                         static_cast<int>(o.msgType.get()), static_cast<int>(o.app[2].get()),
@@ -342,12 +346,14 @@ int guaranteed_exchange(Exchange &x, bool isOld) {
                         from.str(), static_cast<int>(mtype), static_cast<int>(trans), x.peer.str());
                 }
             }
-            if (++unknown > kMaxUnknown) {
-                report_warning("ERROR: IPCG: Drained more than max unknownmsgs from RSP Q in retry "
-                               "%d, will try again to send",
-                               attempt);
-                nextTry = true;
-            }
+            // Whatever else arrives is drained without using up the try: tries are counted by
+            // sends and by their one-second waits, so neither a flood of junk nor junk left
+            // over from before can end the exchange early. A flood is said once per try.
+            if (++unknown == kMaxUnknown + 1)
+                report_dropped(x.rec, x.fn, epKey,
+                               "IPCG: drained more than %d unknown msgs from RSP Q in try %d, "
+                               "still waiting for the ACK",
+                               kMaxUnknown, attempt);
         }
     }
     if (isOld)
@@ -391,8 +397,8 @@ int guaranteed_send(const char *fn, int key, void *msg, int len, bool isOld) {
         return -1;
     }
     RspSemHold hold(rsp_sem_of(rec));
-    Exchange x{
-        key, h, len, reqFd, static_cast<int>(rec->rspLink->fd.get()), t, fn, PeerName(h->tgt.qid)};
+    const int rspFd = static_cast<int>(rec->rspLink->fd.get());
+    Exchange x{rec, key, h, len, reqFd, rspFd, t, fn, PeerName(h->tgt.qid)};
     return guaranteed_exchange(x, isOld);
 }
 

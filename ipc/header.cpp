@@ -34,11 +34,31 @@ uint32_t peek_magic(const void *buf, size_t len) {
     return len >= sizeof(uint32_t) ? load_be32(buf) : 0;
 }
 
-RecvVerdict classify_recv(const void *buf, size_t len, int timeout, uint32_t wantType,
-                          uint32_t wantTrans) {
-    if (len < kHeaderLen) return RecvVerdict::TooShort;
+namespace {
+// An IPC message: a whole header with the magic, whose length field stays within the datagram.
+enum class Shape { Short, NoMagic, BadLength, Ok };
+Shape shape_of(const void *buf, size_t avail, size_t wire) {
+    if (avail < kHeaderLen || wire < kHeaderLen) return Shape::Short;
     const Header &h = *hdr(buf);
-    if (h.magic != kMagic) return RecvVerdict::BadMagic;
+    if (h.magic != kMagic) return Shape::NoMagic;
+    if (h.length > wire) return Shape::BadLength;
+    return Shape::Ok;
+}
+} // namespace
+
+RecvVerdict classify_recv(const void *buf, size_t avail, size_t wire, int timeout,
+                          uint32_t wantType, uint32_t wantTrans) {
+    switch (shape_of(buf, avail, wire)) {
+    case Shape::Short:
+        return RecvVerdict::TooShort;
+    case Shape::NoMagic:
+        return RecvVerdict::BadMagic;
+    case Shape::BadLength:
+        return RecvVerdict::BadLength;
+    case Shape::Ok:
+        break;
+    }
+    const Header &h = *hdr(buf);
     if ((h.cmdType == kCmdGrtAck || h.cmdType == kCmdGrtAckFirst) && wantType != 0 && timeout != 0)
         return RecvVerdict::DropAck;
     if (wantType == 0 && wantTrans == 0) return RecvVerdict::Take;
@@ -46,10 +66,18 @@ RecvVerdict classify_recv(const void *buf, size_t len, int timeout, uint32_t wan
     return RecvVerdict::Mismatch;
 }
 
-ReplyVerdict classify_reply(const void *buf, size_t len, uint32_t wantType, uint32_t wantTrans) {
-    if (len < kHeaderLen) return ReplyVerdict::NonIpc;
+ReplyVerdict classify_reply(const void *buf, size_t avail, size_t wire, uint32_t wantType,
+                            uint32_t wantTrans) {
+    switch (shape_of(buf, avail, wire)) {
+    case Shape::Short:
+    case Shape::NoMagic:
+        return ReplyVerdict::NonIpc;
+    case Shape::BadLength:
+        return ReplyVerdict::BadLength;
+    case Shape::Ok:
+        break;
+    }
     const Header &h = *hdr(buf);
-    if (h.magic != kMagic) return ReplyVerdict::NonIpc;
     if (h.cmdType == kCmdGrtAck || h.cmdType == kCmdGrtAckFirst) return ReplyVerdict::IgnoreAck;
     if (wantType == 0 && wantTrans == 0) return ReplyVerdict::TakeAny;
     if (h.msgType == wantType && h.transaction == wantTrans) return ReplyVerdict::Take;

@@ -123,26 +123,41 @@ void build_ack(const Header &msg, uint8_t ackCmd, Header *out);
 uint8_t ack_due(const Header &h);
 
 // ---- Receive selection (kt4IpcRecv) ---------------------------------------------------
+// A received datagram is described by two lengths: avail, the bytes of it in the buffer, and
+// wire, its length as sent (larger than avail when the buffer cut it). The length field of a
+// message's header may not claim more than wire: a caller reads its message by that field,
+// and bytes past the datagram would be whatever the buffer held before.
 enum class RecvVerdict {
-    TooShort, // under 60 bytes: warn and wait again
-    BadMagic, // not an IPC message: warn and wait again
-    DropAck,  // a guaranteed acknowledgement while waiting for a type: drop silently
-    Mismatch, // not the wanted type and transaction: warn and wait again
-    Take,     // deliver
+    TooShort,  // under 60 bytes: warn and wait again
+    BadMagic,  // not an IPC message: warn and wait again
+    BadLength, // the header's length field exceeds the datagram: warn and wait again
+    DropAck,   // a guaranteed acknowledgement while waiting for a type: drop silently
+    Mismatch,  // not the wanted type and transaction: warn and wait again
+    Take,      // deliver (cut when wire > avail)
 };
-// len is the datagram's length as received. timeout as given to kt4IpcRecv.
-RecvVerdict classify_recv(const void *buf, size_t len, int timeout, uint32_t wantType,
-                          uint32_t wantTrans);
+// timeout as given to kt4IpcRecv.
+RecvVerdict classify_recv(const void *buf, size_t avail, size_t wire, int timeout,
+                          uint32_t wantType, uint32_t wantTrans);
 
 // ---- Send-and-wait reply matching ---------------------------------------------------
 enum class ReplyVerdict {
     NonIpc,    // short or wrong magic: warn and wait again
+    BadLength, // the header's length field exceeds the datagram: warn and wait again
     IgnoreAck, // guaranteed acknowledgement: ignore silently
     TakeAny,   // caller waits for any message: take it, with the "Take it." warning
     Take,      // the wanted reply
     Other,     // another message: warn "Drop it" and wait again
 };
-ReplyVerdict classify_reply(const void *buf, size_t len, uint32_t wantType, uint32_t wantTrans);
+ReplyVerdict classify_reply(const void *buf, size_t avail, size_t wire, uint32_t wantType,
+                            uint32_t wantTrans);
+
+// True when the buffer cut a taken message short: fewer bytes of it arrived (avail) than the
+// message has. The message is as long as its header's length field says (a sender may send
+// padding after it), or, when the field is 0 (not filled in), the whole datagram.
+inline bool message_cut(const Header &h, size_t avail, size_t wire) {
+    const size_t extent = h.length != 0 ? static_cast<size_t>(h.length.get()) : wire;
+    return extent > avail;
+}
 
 // ---- Guaranteed acknowledgement matching -----------------------------------------------
 // True when the datagram acknowledges sent: magic, the expected acknowledgement command,

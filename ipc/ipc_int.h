@@ -37,6 +37,15 @@ bool trace_on(uint32_t flag);
 // A bad key on a send, reply, receive or send-and-wait path: the numbered system error
 // and the development assertion (which does nothing in a release image).
 void report_bad_key(const char *where, int line);
+// A warning about a datagram that an endpoint's queue dropped (or cut), within the endpoint's
+// budget: a burst of kDropWarnBurst, then one a second. Warnings over the budget are counted;
+// the next one reported is preceded by "<who>: key <key>: warnings about dropped datagrams
+// suppressed: <count>", so a flood of bad datagrams cannot replace the card's whole trace
+// ring with one warning. rec may be null (reported without a budget).
+inline constexpr uint32_t kDropWarnBurst = 10;
+inline constexpr uint64_t kDropWarnRefillUsec = 1000000;
+void report_dropped(TaskLocalInfo *rec, const char *who, int key, const char *fmt, ...)
+    __attribute__((format(printf, 4, 5)));
 // Name of the calling task ("" when it has none).
 const char *self_name();
 uint32_t self_task_id();
@@ -82,7 +91,6 @@ class RspSemHold {
   private:
     uint32_t sem_;
 };
-
 
 // This card's CPU address (kAllOnes when it cannot be formed).
 uint32_t local_addr();

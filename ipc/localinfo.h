@@ -59,6 +59,15 @@ struct IpcLink {
     void *pending;       // a buffer the link holds between calls, freed at close (or null)
 };
 
+// ---- Budget of warnings about dropped datagrams ----------------------------------------
+// A token bucket per endpoint (ipc/report.cpp): a burst of warnings, then one a second, and
+// a count of those held back. All zero is a full bucket. Guarded by report.cpp's own mutex.
+struct WarnBudget {
+    uint64_t lastRefillUsec; // monotonic time the tokens were last counted up to
+    uint32_t tokens;
+    uint32_t suppressed; // warnings held back since the last one reported
+};
+
 // ---- Endpoint record -------------------------------------------------------------------
 struct TaskLocalInfo {
     kt4::be32 magic;        // kLocalInfoMagic once claimed
@@ -86,6 +95,8 @@ struct TaskLocalInfo {
     IpcLink *reqLink;
     IpcLink *rspLink;
     IpcLink *tmrLink;
+    // Kept after the documented words: this process's own bookkeeping.
+    WarnBudget dropWarnings; // warnings about datagrams the endpoint's queues dropped
 };
 
 // ---- The table -------------------------------------------------------------------------

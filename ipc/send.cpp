@@ -75,6 +75,14 @@ long now_usec() {
     return ts.tv_sec * 1000000L + ts.tv_nsec / 1000;
 }
 
+// The header calls take the caller's message as it is: a null one is refused with EINVAL
+// (and nothing is read or written) rather than followed.
+bool null_msg(const void *msg) {
+    if (msg != nullptr) return false;
+    errno = EINVAL;
+    return true;
+}
+
 bool header_fits(int len) {
     return len >= static_cast<int>(kHeaderLen);
 }
@@ -93,6 +101,7 @@ extern "C" {
 // ---- Header accessors -------------------------------------------------------------------
 
 uint32_t kt4IpcHdrGet(const void *msg, kt4IpcHdrField field) {
+    if (null_msg(msg)) return 0;
     const Header *h = hdr(msg);
     switch (field) {
     case KT4_IPC_HDR_MAGIC:
@@ -134,6 +143,7 @@ uint32_t kt4IpcHdrGet(const void *msg, kt4IpcHdrField field) {
 }
 
 void kt4IpcHdrSet(void *msg, kt4IpcHdrField field, uint32_t v) {
+    if (null_msg(msg)) return;
     Header *h = hdr(msg);
     switch (field) {
     case KT4_IPC_HDR_MAGIC:
@@ -191,6 +201,7 @@ void kt4IpcHdrSet(void *msg, kt4IpcHdrField field, uint32_t v) {
 }
 
 void kt4IpcSetSourceHeader(void *msg, int slot, int service, int instance) {
+    if (null_msg(msg)) return;
     Header *h = hdr(msg);
     h->src.slot = static_cast<uint32_t>(slot);
     h->src.addr = local_addr();
@@ -198,6 +209,7 @@ void kt4IpcSetSourceHeader(void *msg, int slot, int service, int instance) {
 }
 
 void kt4IpcSetTargetHeader(void *msg, uint32_t address, int slot, int service, int instance) {
+    if (null_msg(msg)) return;
     Header *h = hdr(msg);
     h->tgt.slot = static_cast<uint32_t>(slot);
     h->tgt.addr = address;
@@ -205,6 +217,7 @@ void kt4IpcSetTargetHeader(void *msg, uint32_t address, int slot, int service, i
 }
 
 void kt4IpcSetTargetHeaderToRspQ(void *msg, uint32_t address, int slot, int service, int instance) {
+    if (null_msg(msg)) return;
     Header *h = hdr(msg);
     h->tgt.slot = static_cast<uint32_t>(slot);
     h->tgt.addr = address;
@@ -212,6 +225,7 @@ void kt4IpcSetTargetHeaderToRspQ(void *msg, uint32_t address, int slot, int serv
 }
 
 int kt4IpcGetSourceHeader(const void *msg, uint32_t *slot, uint32_t *queueId) {
+    if (null_msg(msg)) return -1;
     const Header *h = hdr(msg);
     if (h->magic != kMagic) {
         std::printf("\n\nkt4IpcGetSourceHeader - MAGIC ERROR\n");
@@ -226,6 +240,7 @@ void kt4IpcSetOrigSourceHeader(void *, int, uint32_t, int) {}
 void kt4IpcSetOrigDestHeader(void *, int, uint32_t, int) {}
 
 void kt4IpcSetIpcPriority(void *msg, int priority) {
+    if (null_msg(msg)) return;
     Header *h = hdr(msg);
     if (priority == 0)
         h->cmdType = static_cast<uint8_t>(h->cmdType & ~kCmdPriorityBit);
@@ -366,10 +381,19 @@ int kt4IpcRecv(int queueId, void *buf, int size, int timeout, uint32_t msgType,
         errno = EPROTOTYPE;
         return -1;
     }
-    if (buf == nullptr || size <= 0) {
+    if (buf == nullptr) {
         errno = EFAULT;
         return -1;
     }
+    // A buffer that cannot hold a header could only cut every message and drop it as too
+    // short: refused before anything is taken from the queue.
+    if (size < static_cast<int>(kHeaderLen)) {
+        errno = EINVAL;
+        report_error("GrtRecv: Task: %s, buffer of %d bytes cannot hold an IPC header", self_name(),
+                     size);
+        return -1;
+    }
+    const int key = queueId & ~3;
     long usec = timeout > 0 ? timeout * 1000000L : -1;
     for (;;) {
         call_notifier(queueId & ~3);
@@ -385,10 +409,8 @@ int kt4IpcRecv(int queueId, void *buf, int size, int timeout, uint32_t msgType,
             errno = e;
             return -1;
         }
-        sockaddr_in from{};
-        socklen_t flen = sizeof from;
-        long n = ::recvfrom(fd, buf, static_cast<size_t>(size), 0,
-                            reinterpret_cast<sockaddr *>(&from), &flen);
+        // MSG_TRUNC: recvfrom tells the datagram's own length, even when the buffer cut it.
+        long n = ::recvfrom(fd, buf, static_cast<size_t>(size), MSG_TRUNC, nullptr, nullptr);
         if (n < 0) {
             if (errno == EINTR) continue;
             int e = errno;
@@ -396,17 +418,27 @@ int kt4IpcRecv(int queueId, void *buf, int size, int timeout, uint32_t msgType,
             errno = e;
             return -1;
         }
-        size_t len = static_cast<size_t>(n);
+        const size_t wire = static_cast<size_t>(n);
+        const size_t len = wire < static_cast<size_t>(size) ? wire : static_cast<size_t>(size);
         hist_record(buf, len);
-        RecvVerdict v = classify_recv(buf, len, timeout, msgType, transaction);
+        RecvVerdict v = classify_recv(buf, len, wire, timeout, msgType, transaction);
         if (v == RecvVerdict::TooShort) {
-            report_warning("GrtRecv: recv msg NON IPC msg on sock %d len %d: too short", fd,
+            report_dropped(rec, "GrtRecv", key,
+                           "GrtRecv: recv msg NON IPC msg on sock %d len %d: too short", fd,
                            static_cast<int>(n));
             continue;
         }
         if (v == RecvVerdict::BadMagic) {
-            report_warning("GrtRecv: received non IPC msg on sock %d magic %x, magic no match", fd,
+            report_dropped(rec, "GrtRecv", key,
+                           "GrtRecv: received non IPC msg on sock %d magic %x, magic no match", fd,
                            peek_magic(buf, len));
+            continue;
+        }
+        if (v == RecvVerdict::BadLength) {
+            report_dropped(rec, "GrtRecv", key,
+                           "GrtRecv: recv msg on sock %d len %d whose header claims %u bytes. "
+                           "Drop it",
+                           fd, static_cast<int>(n), hdr(buf)->length.get());
             continue;
         }
         // The sender waits for the acknowledgement whether or not this reader wants the
@@ -415,12 +447,23 @@ int kt4IpcRecv(int queueId, void *buf, int size, int timeout, uint32_t msgType,
         if (uint8_t ack = ack_due(h); ack != 0) grt_acknowledge(fd, h, ack);
         if (v == RecvVerdict::DropAck) continue;
         if (v == RecvVerdict::Mismatch) {
-            report_warning("GrtRecv: recv msg mismatch type %d vs %d or trans %d vs %d. Drop it",
+            report_dropped(rec, "GrtRecv", key,
+                           "GrtRecv: recv msg mismatch type %d vs %d or trans %d vs %d. Drop it",
                            static_cast<int>(h.msgType.get()), static_cast<int>(msgType),
                            static_cast<int>(h.transaction.get()), static_cast<int>(transaction));
             continue;
         }
-        return static_cast<int>(n);
+        if (message_cut(h, len, wire)) {
+            // The caller's buffer holds the message's first size bytes; the rest is lost.
+            report_dropped(rec, "GrtRecv", key,
+                           "GrtRecv: msg type %d trans %d on sock %d of %d bytes cut to the "
+                           "buffer's %d",
+                           static_cast<int>(h.msgType.get()), static_cast<int>(h.transaction.get()),
+                           fd, static_cast<int>(n), size);
+            errno = EMSGSIZE;
+            return -1;
+        }
+        return static_cast<int>(len);
     }
 }
 
@@ -468,7 +511,8 @@ int send_wait_exchange(int key, void *sendBuf, void *replyBuf, int sendLen, int 
         report_bad_key("kt4IpcLib", __LINE__);
         return -1;
     }
-    if (sendBuf == nullptr || replyBuf == nullptr || !header_fits(sendLen) || replySize <= 0) {
+    if (sendBuf == nullptr || replyBuf == nullptr || !header_fits(sendLen) ||
+        !header_fits(replySize)) {
         errno = EINVAL;
         return -1;
     }
@@ -513,10 +557,13 @@ int send_wait_exchange(int key, void *sendBuf, void *replyBuf, int sendLen, int 
             return -1;
         }
     }
-    auto done = [&](int rc) {
+    // copy: the bytes of the reply to hand over (a cut reply is handed over whole up to the
+    // buffer's size, with -1 and EMSGSIZE).
+    auto done = [&](int rc, size_t copy = 0) {
         int e = errno;
         if (rbuf != replyBuf) {
-            if (rc > 0) std::memcpy(replyBuf, rbuf, static_cast<size_t>(rc));
+            if (rc > 0) copy = static_cast<size_t>(rc);
+            if (copy > 0) std::memcpy(replyBuf, rbuf, copy);
             KT4_FREE(rbuf);
         }
         errno = e;
@@ -555,7 +602,8 @@ int send_wait_exchange(int key, void *sendBuf, void *replyBuf, int sendLen, int 
             }
             continue;
         }
-        long n = ::recvfrom(rspFd, rbuf, static_cast<size_t>(replySize), 0, nullptr, nullptr);
+        long n =
+            ::recvfrom(rspFd, rbuf, static_cast<size_t>(replySize), MSG_TRUNC, nullptr, nullptr);
         if (n < 0) {
             if (errno == EINTR) continue;
             int e = errno;
@@ -565,35 +613,55 @@ int send_wait_exchange(int key, void *sendBuf, void *replyBuf, int sendLen, int 
             errno = e;
             return done(-1);
         }
-        size_t len = static_cast<size_t>(n);
+        const size_t wire = static_cast<size_t>(n);
+        const size_t len =
+            wire < static_cast<size_t>(replySize) ? wire : static_cast<size_t>(replySize);
         hist_record(rbuf, len);
-        ReplyVerdict v = classify_reply(rbuf, len, msgType, transaction);
+        ReplyVerdict v = classify_reply(rbuf, len, wire, msgType, transaction);
         if (v == ReplyVerdict::NonIpc) {
-            report_warning("SndWait: recv non IPC msg on RSP Q: len %d mag %x when wait for RSP "
+            report_dropped(rec, "SndWait", key & ~3,
+                           "SndWait: recv non IPC msg on RSP Q: len %d mag %x when wait for RSP "
                            "type %d trans %d from %s. Drop it",
                            static_cast<int>(n), peek_magic(rbuf, len), static_cast<int>(msgType),
+                           static_cast<int>(transaction), peer.str());
+            continue;
+        }
+        if (v == ReplyVerdict::BadLength) {
+            report_dropped(rec, "SndWait", key & ~3,
+                           "SndWait: recv msg on RSP Q: len %d whose header claims %u bytes when "
+                           "wait for RSP type %d trans %d from %s. Drop it",
+                           static_cast<int>(n), hdr(rbuf)->length.get(), static_cast<int>(msgType),
                            static_cast<int>(transaction), peer.str());
             continue;
         }
         if (v == ReplyVerdict::IgnoreAck) continue;
         const Header &r = *hdr(rbuf);
         PeerName from(r.src.qid);
-        if (v == ReplyVerdict::TakeAny) {
-            report_warning("SndWait: recv msg type %d trans %d cmd: %s from %s when wait for any "
-                           "msg. Take it.",
-                           static_cast<int>(r.msgType.get()), static_cast<int>(r.transaction.get()),
-                           kt4IpcGetCmdTypeName(r.cmdType), from.str());
-            return done(static_cast<int>(n));
-        }
         if (v == ReplyVerdict::Other) {
-            report_warning("SndWait: recv other msg on RSP Q type %d trans %d cmd %s from %s when "
+            report_dropped(rec, "SndWait", key & ~3,
+                           "SndWait: recv other msg on RSP Q type %d trans %d cmd %s from %s when "
                            "wait for RSP type %d trans %d from %s. Drop it",
                            static_cast<int>(r.msgType.get()), static_cast<int>(r.transaction.get()),
                            kt4IpcGetCmdTypeName(r.cmdType), from.str(), static_cast<int>(msgType),
                            static_cast<int>(transaction), peer.str());
             continue;
         }
-        return done(static_cast<int>(n));
+        if (v == ReplyVerdict::TakeAny)
+            report_warning("SndWait: recv msg type %d trans %d cmd: %s from %s when wait for any "
+                           "msg. Take it.",
+                           static_cast<int>(r.msgType.get()), static_cast<int>(r.transaction.get()),
+                           kt4IpcGetCmdTypeName(r.cmdType), from.str());
+        if (message_cut(r, len, wire)) {
+            // The reply buffer holds the reply's first replySize bytes; the rest is lost.
+            report_dropped(rec, "SndWait", key & ~3,
+                           "SndWait: RSP type %d trans %d from %s of %d bytes cut to the buffer's "
+                           "%d",
+                           static_cast<int>(r.msgType.get()), static_cast<int>(r.transaction.get()),
+                           from.str(), static_cast<int>(n), replySize);
+            errno = EMSGSIZE;
+            return done(-1, len);
+        }
+        return done(static_cast<int>(len));
     }
 }
 
@@ -669,7 +737,8 @@ int kt4IpcSendWaitWithRetry(int key, void *sendBuf, void *replyBuf, int sendLen,
     return with_rsp_sem(key, [&] {
         int rc = send_wait_exchange(key, sendBuf, replyBuf, sendLen, replySize, timeout, msgType,
                                     transaction);
-        for (int again = 0; rc == -1 && again < retries; ++again)
+        // A reply cut by the buffer would be cut again: not worth another request.
+        for (int again = 0; rc == -1 && errno != EMSGSIZE && again < retries; ++again)
             rc = send_wait_exchange(key, sendBuf, replyBuf, sendLen, replySize, timeout, msgType,
                                     transaction);
         return rc;

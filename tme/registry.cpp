@@ -180,6 +180,14 @@ void note_own_entries() {
     g_own_entries.store(true, std::memory_order_relaxed);
 }
 
+// True when pid holds the entry, or may complete it: a reservation whose process is still
+// being forked belongs to the child of its creator, which is us when our parent made it.
+bool held_by(const CardTaskEntry &e, int pid) {
+    const int holder = static_cast<int>(e.pid.get());
+    return holder == pid || (holder == 0 && pid == static_cast<int>(getpid()) &&
+                             static_cast<int>(e.parentPid.get()) == static_cast<int>(getppid()));
+}
+
 } // namespace
 
 bool own_entries_possible() {
@@ -400,6 +408,64 @@ namespace kt4 {
 
 using namespace kt4::tme;
 
+int tmeRegistryClaim(int service, int instance, int slot, int pid, int *holder, bool *created) {
+    if (created != nullptr) *created = false;
+    if (!valid_identity(service, instance)) {
+        errno = EINVAL;
+        return -1;
+    }
+    int gone = 0; // the pid of a dead holder taken over, reported once lock 5 is given back
+    bool made = false;
+    {
+        Locked l;
+        CardTaskTable *t = l.get();
+        if (t == nullptr) {
+            errno = ENXIO;
+            return -1;
+        }
+        CardTaskEntry *e = find(t, service, instance, slot);
+        if (e != nullptr && !entry_alive(*e))
+            gone =
+                e->pid != 0 ? static_cast<int>(e->pid.get()) : static_cast<int>(e->parentPid.get());
+        sweep_dead(t);
+        e = find(t, service, instance, slot);
+        if (e != nullptr) {
+            if (!held_by(*e, pid)) {
+                if (holder != nullptr)
+                    *holder = e->pid != 0 ? static_cast<int>(e->pid.get())
+                                          : static_cast<int>(e->parentPid.get());
+                errno = EEXIST;
+                return -1;
+            }
+            return 0;
+        }
+        e = take_free(t);
+        if (e != nullptr) {
+            e->state = kReserved;
+            e->service = static_cast<uint32_t>(service);
+            e->instance = static_cast<uint32_t>(instance);
+            e->slot = static_cast<uint32_t>(slot);
+            e->pid = static_cast<uint32_t>(pid);
+            e->changed = tick64Get();
+            note_own_entries();
+            made = true;
+        }
+    }
+    if (!made) {
+        kt4ErrorPrintf(kModule, "kt4TmeLib: task table full, service %d instance %d\r\n", service,
+                       instance);
+        errno = ENOSPC;
+        return -1;
+    }
+    if (created != nullptr) *created = true;
+    if (gone != 0)
+        kt4WarningPrintf(kModule,
+                         "kt4TmeLib: service %d instance %d: holder pid %d is gone, taken over by "
+                         "pid %d\r\n",
+                         service, instance, gone, pid);
+    return 0;
+}
+
 int tmeRegistryRegister(int service, int instance, uint32_t ipAddr, int slot, int pid, int taskId,
                         const char *name) {
     if (!valid_identity(service, instance)) {
@@ -416,12 +482,7 @@ int tmeRegistryRegister(int service, int instance, uint32_t ipAddr, int slot, in
     CardTaskEntry *e = find(t, service, instance, slot);
     if (e != nullptr) {
         int holder = static_cast<int>(e->pid.get());
-        // A reservation whose process is still being forked belongs to the child of its
-        // creator: that is us when our parent made it.
-        bool ours =
-            holder == pid || (holder == 0 && pid == static_cast<int>(getpid()) &&
-                              static_cast<int>(e->parentPid.get()) == static_cast<int>(getppid()));
-        if (!ours) {
+        if (!held_by(*e, pid)) {
             kt4WarningPrintf(kModule,
                              "kt4TmeLib: service %d instance %d is held by pid %d, not "
                              "registered for pid %d\r\n",

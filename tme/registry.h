@@ -17,6 +17,17 @@
 
 namespace kt4 {
 
+// Claims (service, instance) on this card's slot for process pid before its endpoint's sockets
+// are made, so that two processes of the card never open one endpoint. When no live process
+// holds it, an entry of state "reserved" is made for pid (*created true: the caller removes it
+// with tmeRegistryUnregister if its open fails); an entry that pid holds already, or that
+// kt4TaskCreate reserved for this process, is kept as it is (*created false). The entry of a
+// process that has died is taken over, and that is reported.
+// Returns 0, or -1 with errno: EEXIST when a live other process holds the entry (its pid in
+// *holder), EINVAL for a service outside 13..363 or an instance outside 0..31, ENOSPC when the
+// table is full, ENXIO when the shared area is not mapped. holder and created may be null.
+int tmeRegistryClaim(int service, int instance, int slot, int pid, int *holder, bool *created);
+
 // Registers the opened endpoint (service, instance) of process pid: the card address its sockets
 // are bound to (host order), the card's slot, the owning task id and the task name (truncated to
 // fit the table). An entry that the same process made before (for instance when kt4TaskCreate

@@ -13,6 +13,19 @@
  * returned by this interface are IPv4 addresses in host order (127.10.10.10 is 0x7F0A0A0A).
  *
  * Results: -1 with errno for failures unless a call says otherwise.
+ *
+ * A queue's port is its socket's alone. The sockets are not given SO_REUSEADDR (which the
+ * system's design sets): on the system's original host that option never let a second socket
+ * bind the same unicast UDP address and port, but on Linux it lets any socket of any user
+ * that also sets it share the port and take the queue's datagrams. Without it no other
+ * socket, of this user or another, can bind an open queue's address and port (nor the
+ * wildcard address at that port). The reverse also holds: a port that something else holds
+ * makes the open fail (after the bind retries) rather than share it.
+ *
+ * An endpoint belongs to one process of the card. kt4IpcOpen claims (service, instance) in
+ * the card's task table before it makes any socket: while a live process of the card holds
+ * it, the open fails with EEXIST and names that process; an endpoint whose process has died
+ * is taken over.
  */
 #ifndef KT4_IPC_H
 #define KT4_IPC_H
@@ -96,7 +109,9 @@ typedef enum kt4IpcHdrField {
     KT4_IPC_HDR_TGT_QID      /* u32 at 56 */
 } kt4IpcHdrField;
 
-/* Reads or writes one header field in host order (the message holds it big-endian). */
+/* Reads or writes one header field in host order (the message holds it big-endian). A null
+ * message is refused with errno EINVAL: kt4IpcHdrGet then returns 0 and the setters below
+ * change nothing. */
 uint32_t kt4IpcHdrGet(const void *msg, kt4IpcHdrField field);
 void kt4IpcHdrSet(void *msg, kt4IpcHdrField field, uint32_t value);
 
@@ -113,12 +128,16 @@ void kt4IpcHdrSet(void *msg, kt4IpcHdrField field, uint32_t value);
 
 const char *kt4IpcGetCmdTypeName(int type);
 
-/* Source triple: slot, this card's CPU address, response queue of (service, instance). */
+/* The two calls order their arguments differently, and both orders are the system's:
+ *   kt4IpcSetSourceHeader(msg, slot, service, instance)           -- no address: this card's
+ *   kt4IpcSetTargetHeader(msg, address, slot, service, instance)  -- the address comes first
+ * Source triple: slot, this card's CPU address, response queue of (service, instance). */
 void kt4IpcSetSourceHeader(void *msg, int slot, int service, int instance);
 /* Target triple: slot, address, request queue (ToRspQ: response queue) of (service, inst). */
 void kt4IpcSetTargetHeader(void *msg, uint32_t address, int slot, int service, int instance);
 void kt4IpcSetTargetHeaderToRspQ(void *msg, uint32_t address, int slot, int service, int instance);
-/* Source slot and queue id of a message; -1 (and a message) when the magic is wrong. */
+/* Source slot and queue id of a message; -1 (and a message) when the magic is wrong, -1 with
+ * errno EINVAL for a null message. */
 int kt4IpcGetSourceHeader(const void *msg, uint32_t *slot, uint32_t *queueId);
 /* Kept for callers of the original-address interface: they change nothing. */
 void kt4IpcSetOrigSourceHeader(void *msg, int slot, uint32_t address, int queueId);
@@ -170,7 +189,11 @@ int kt4IpcTblChkProcInstLimit(int service, int instance);
 
 /* ---- Endpoints ----------------------------------------------------------------------- */
 
-int kt4IpcOpen(int service, int instance);    /* the key, or -1 */
+/* The key, or -1 with errno: EINVAL for a service outside 13..363 or an instance this process
+ * keeps no record for (nothing is made), EEXIST when a live process of the card has the
+ * endpoint open (reported with its pid), or the socket's error when a queue port cannot be
+ * bound. Opening an endpoint this process has open returns its key again. */
+int kt4IpcOpen(int service, int instance);
 int kt4IpcOpen2(int service, int instance);   /* large instance 48..4144, secondary links */
 int kt4IpcTmrOpen(int service, int instance); /* timer queue */
 int kt4IpcTmrOpen2(int service, int instance);
@@ -204,7 +227,21 @@ int kt4IpcSend(int key, void *msg, int len);
 int kt4IpcNonGuaranteedSend(int key, void *msg, int len);
 int kt4IpcReply(int key, void *msg, int len);
 /* Waits at most timeout seconds per wait (<= 0: without limit); takes a message whose type
- * and transaction equal the wanted ones (both 0: any message), dropping others. Every
+ * and transaction equal the wanted ones (both 0: any message), dropping others. The result
+ * is the number of bytes placed in buf. What the caller learns of a message:
+ * - size must hold at least a header (60 bytes): a smaller one is refused with EINVAL before
+ *   anything is taken from the queue;
+ * - a datagram shorter than a header, without the magic, or whose header's length field
+ *   claims more bytes than the datagram carries is not a message: dropped with a warning;
+ *   so a delivered message's length field never exceeds the bytes that arrived;
+ * - a message longer than size is cut: its first size bytes are in buf and the result is -1
+ *   with errno EMSGSIZE (the header's length field tells how long it was); it is gone from
+ *   the queue. A message is as long as its length field says (bytes a sender adds after it
+ *   are padding, and losing them is no error), or the whole datagram when the field is 0;
+ *   so on success the length field never exceeds the result;
+ * - the warnings about dropped or cut datagrams are limited per endpoint (a burst of 10, then
+ *   one a second); the number held back is reported with the next warning, so a flood of bad
+ *   datagrams cannot replace the card's trace history. Every
  * message that asks for it is acknowledged before the selection, whether taken or not: a
  * guaranteed send (GUARANTEED_SEND_FIRST / GUARANTEED_SEND) with GUARANTEED_ACK_FIRST /
  * GUARANTEED_ACK to the sender's response queue, a "GRT" with flags above 0 with "ACK" to its
@@ -217,7 +254,10 @@ int kt4IpcRecvOnRspQ(int key, void *buf, int size, int timeout, uint32_t msgType
  * that is not an IPC message, EAGAIN when none is waiting). */
 int kt4IpcPeekMsg(int queueId, void *buf, int size);
 /* Sends a request and waits for the reply of that type and transaction, in 500 ms slices
- * (timeout 0: one poll). The reply overwrites buf (at most len bytes). */
+ * (timeout 0: one poll). The reply overwrites buf (at most len bytes). Datagrams on the
+ * response queue are judged as kt4IpcRecv judges them; a reply longer than the buffer leaves
+ * its first bytes there and gives -1 with EMSGSIZE (kt4IpcSendWaitWithRetry does not send
+ * again after that: the reply would be cut again). A reply buffer under 60 bytes is EINVAL. */
 int kt4IpcSendWait(int key, void *buf, int len, int timeout, uint32_t msgType,
                    uint32_t transaction);
 int kt4IpcSendWaitWithRetry(int key, void *sendBuf, void *replyBuf, int sendLen, int replySize,
@@ -253,6 +293,9 @@ int kt4IpcGChkSameSvcId(const void *msg);
 /* 1 when the two queue ids name the same service and instance. */
 int kt4IpcGCompTaskNInst(uint32_t queueIdA, uint32_t queueIdB);
 
+/* Up to three tries, each a send and a wait of one second for the acknowledgement. Other
+ * datagrams arriving on the response queue meanwhile (or left there before) are drained
+ * without ending the try: only the waits count, so junk cannot use up the tries. */
 int kt4IpcGuaranteedSend(int key, void *msg, int len, int firstSend);
 int kt4IpcGuaranteeSend(int key, void *msg, int len, uint32_t msgType, uint32_t transaction);
 

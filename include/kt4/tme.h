@@ -116,7 +116,11 @@ const char *kt4CodeToText(const kt4CodeText *table, int code);
  *   argv[argc-8] its process health record (one no live process uses), argv[argc-7] the
  *   record's refresh period in seconds, argv[argc-6] its service, argv[argc-5] its instance,
  *   argv[argc-4] the creating process's pid, argv[argc-3] the creating task's id,
- *   argv[argc-2] the card's slot, argv[argc-1] the size of the card's shared area. */
+ *   argv[argc-2] the card's slot, argv[argc-1] the size of the card's shared area.
+ * A process's own words are argv[1] .. argv[argc-9]. To start a process by hand on a card,
+ * use "kt4card run --service N [--instance N] -- PROGRAM WORD...": it passes a free health
+ * record, period 1, its own pid and task id (0: its main thread) as the creator's, and stays
+ * the process's registered parent, so that kt4_taskSpawn finds the parent at once. */
 #define KT4_TASK_SYS_ARGS 8
 
 /*
@@ -142,6 +146,10 @@ int kt4TaskCreate(const char *name, int service, int instance, int how, int prio
  * parent process (getppid()) to be registered: up to 3 tries, one second apart. A parent never
  * found is reported and asserted; the task is spawned all the same. Returns the task id, or -1
  * (errno EEXIST) when the service and instance are in use by another task.
+ * A process started from a shell has no registered parent and would wait the 3 seconds: start
+ * it with "kt4card run", or spawn with kt4_taskSpawnP(..., 0). The task's priority, options
+ * and stack size are taskSpawn's: ordinary tasks use priority 100, options 0 and stack size 0
+ * (the host's default stack).
  */
 int kt4_taskSpawn(const char *name, int priority, int options, int stackSize, kt4TaskEntry entry,
                   int service, int instance, kt4_arg_t arg);

@@ -6,6 +6,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cerrno>
 #include <string>
 
 namespace {
@@ -125,6 +126,20 @@ TEST(IpcHeader, LayoutIsBigEndianAtTheNamedOffsets) {
     testing::internal::CaptureStdout();
     EXPECT_EQ(-1, kt4IpcGetSourceHeader(m, &slot, &qid));
     EXPECT_EQ("\n\nkt4IpcGetSourceHeader - MAGIC ERROR\n", testing::internal::GetCapturedStdout());
+
+    // No message at all: refused, never read.
+    errno = 0;
+    EXPECT_EQ(-1, kt4IpcGetSourceHeader(nullptr, &slot, &qid));
+    EXPECT_EQ(EINVAL, errno);
+    errno = 0;
+    EXPECT_EQ(0u, kt4IpcHdrGet(nullptr, KT4_IPC_HDR_MAGIC));
+    EXPECT_EQ(EINVAL, errno);
+    errno = 0;
+    kt4IpcHdrSet(nullptr, KT4_IPC_HDR_LENGTH, 60);
+    kt4IpcSetSourceHeader(nullptr, 1, 40, 1);
+    kt4IpcSetTargetHeader(nullptr, 1, 1, 40, 1);
+    kt4IpcSetIpcPriority(nullptr, 1);
+    EXPECT_EQ(EINVAL, errno);
 }
 
 TEST(IpcNames, CommandTypesAndModules) {

@@ -5,8 +5,12 @@
 
 #include <gtest/gtest.h>
 
+#include <dirent.h>
+#include <sys/wait.h>
+
 #include <cerrno>
 #include <chrono>
+#include <cstdio>
 #include <thread>
 
 namespace {
@@ -14,6 +18,33 @@ namespace {
 using ipctest::fresh_service;
 using ipctest::port_of;
 using ipctest::RawSock;
+
+int open_descriptors() {
+    int n = 0;
+    if (DIR *d = opendir("/proc/self/fd")) {
+        while (readdir(d) != nullptr)
+            ++n;
+        closedir(d);
+    }
+    return n;
+}
+
+// Binds a UDP socket at addr:port asking to share it (SO_REUSEADDR, and SO_REUSEPORT when
+// reusePort); true when the bind succeeded.
+bool bind_shared(uint32_t addr, uint16_t port, bool reusePort) {
+    int fd = ::socket(AF_INET, SOCK_DGRAM, 0);
+    if (fd < 0) return false;
+    int one = 1;
+    ::setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
+    if (reusePort) ::setsockopt(fd, SOL_SOCKET, SO_REUSEPORT, &one, sizeof one);
+    sockaddr_in sa{};
+    sa.sin_family = AF_INET;
+    sa.sin_port = htons(port);
+    sa.sin_addr.s_addr = htonl(addr);
+    bool ok = ::bind(fd, reinterpret_cast<sockaddr *>(&sa), sizeof sa) == 0;
+    ::close(fd);
+    return ok;
+}
 
 TEST(IpcEndpoint, OpenIsIdempotentAndCloseFreesThePorts) {
     const int svc = fresh_service();
@@ -32,9 +63,12 @@ TEST(IpcEndpoint, OpenIsIdempotentAndCloseFreesThePorts) {
     EXPECT_EQ(0, Key_getTmrQueue(key));
     EXPECT_EQ(key | 1, Key_getAllQueue(key));
 
-    // The sockets are bound where the queue ids say: a plain socket cannot take the ports.
+    // The sockets are bound where the queue ids say, and alone: no other socket takes the
+    // ports, whether or not it asks to share them.
     RawSock squat(port_of(svc, 3, 1), false);
     EXPECT_FALSE(squat.bound());
+    RawSock sharer(port_of(svc, 3, 2), true);
+    EXPECT_FALSE(sharer.bound());
 
     EXPECT_EQ(key, kt4IpcTmrOpen(svc, 3));
     EXPECT_EQ(key | 3, Key_getTmrQueue(key));
@@ -59,6 +93,18 @@ TEST(IpcEndpoint, OpenIsIdempotentAndCloseFreesThePorts) {
 TEST(IpcEndpoint, OpenRefusesRecordsThisProcessDoesNotHold) {
     EXPECT_EQ(-1, kt4IpcOpen(fresh_service(), 32));
     EXPECT_EQ(-1, kt4IpcOpen(400, 0));
+    // Services below 13 have no key that the other calls accept: refused before any socket
+    // or semaphore is made.
+    const int fds = open_descriptors();
+    for (int svc = -1; svc < KT4_IPC_MIN_SERVICE; ++svc) {
+        errno = 0;
+        EXPECT_EQ(-1, kt4IpcOpen(svc, 0)) << svc;
+        EXPECT_EQ(EINVAL, errno) << svc;
+        EXPECT_EQ(-1, kt4IpcTmrOpen(svc, 1)) << svc;
+        EXPECT_EQ(EINVAL, errno) << svc;
+    }
+    EXPECT_EQ(-1, kt4IpcOpen(KT4_IPC_MAX_SERVICE + 1, 0));
+    EXPECT_EQ(fds, open_descriptors());
     // Large instances need the secondary address and a large-instance record.
     EXPECT_EQ(-1, kt4IpcOpen2(fresh_service(), 47));
     EXPECT_EQ(-1, kt4IpcOpen2(fresh_service(), 48));
@@ -87,6 +133,43 @@ TEST(IpcEndpoint, LargeInstanceOnTheSecondaryAddress) {
     EXPECT_EQ(-1, Key_getSocketFd(key | 1));
     kt4IpcSetSecondaryIpcAddress(0xFFFFFFFF);
     kt4IpcResetMaxInstPerProcessTbl();
+}
+
+TEST(IpcEndpoint, AnotherUserCannotBindAnOpenQueue) {
+    const int svc = fresh_service();
+    const int key = kt4IpcOpen(svc, 4);
+    ASSERT_GT(key, 0);
+    ASSERT_EQ(key, kt4IpcTmrOpen(svc, 4));
+    const uint32_t addr = kt4IpcGetLocalCpuIpAddr();
+    std::fflush(nullptr);
+    pid_t pid = fork();
+    ASSERT_GE(pid, 0);
+    if (pid == 0) {
+        // Any user of the host: nobody (an unprivileged run is already another user's
+        // process). Every way of asking to share the port must fail.
+        if (geteuid() == 0 && (setgid(65534) != 0 || setuid(65534) != 0)) _exit(100);
+        int bound = 0;
+        for (int kind = 1; kind <= 3; ++kind) {
+            const uint16_t port = port_of(svc, 4, kind);
+            bound += bind_shared(addr, port, false);
+            bound += bind_shared(addr, port, true);
+            bound += bind_shared(INADDR_ANY, port, false);
+            bound += bind_shared(INADDR_ANY, port, true);
+        }
+        _exit(bound);
+    }
+    int status = 0;
+    ASSERT_EQ(pid, waitpid(pid, &status, 0));
+    ASSERT_TRUE(WIFEXITED(status));
+    EXPECT_EQ(0, WEXITSTATUS(status)) << "binds that succeeded";
+    // The queue still gets its traffic.
+    RawSock peer(0);
+    unsigned char m[60] = {};
+    kt4IpcHdrSet(m, KT4_IPC_HDR_MAGIC, KT4_IPC_MAGIC);
+    ASSERT_EQ(60, peer.send_to(port_of(svc, 4, 1), m, sizeof m));
+    unsigned char in[128];
+    EXPECT_EQ(60, kt4IpcRecv(key | 1, in, sizeof in, 2, 0, 0));
+    EXPECT_EQ(0, kt4IpcClose(key));
 }
 
 TEST(IpcEndpoint, BufferLimitsAndBroadcastAreKeptInTheLink) {

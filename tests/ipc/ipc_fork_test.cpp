@@ -1,13 +1,22 @@
 // Two processes of one card: a forked child serves requests, acknowledges guaranteed sends
-// and sends to its parent.
+// and sends to its parent; an endpoint open in one process cannot be opened by another
+// until its holder is gone.
 #include "ipc_test_util.h"
+#include "support/kt4_test_env.h"
 
 #include <kt4/ipc.h>
+#include <kt4/log.h>
+#include <kt4/tme.h>
 
 #include <gtest/gtest.h>
 
 #include <sys/wait.h>
 #include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <string>
 
 namespace {
 
@@ -90,6 +99,75 @@ TEST(IpcProcesses, ParentAndForkedChildExchange) {
     ASSERT_TRUE(WIFEXITED(status));
     EXPECT_EQ(0, WEXITSTATUS(status));
     kt4IpcClose(keyA);
+}
+
+TEST(IpcProcesses, SecondProcessCannotTakeAnOpenEndpoint) {
+    ASSERT_TRUE(kt4test::Card::get().up());
+    const int svc = fresh_service();
+    int ready[2], hold[2];
+    ASSERT_EQ(0, pipe(ready));
+    ASSERT_EQ(0, pipe(hold));
+    fflush(nullptr);
+    pid_t first = fork();
+    ASSERT_GE(first, 0);
+    if (first == 0) {
+        // The first holder: opens the endpoint and keeps it until it is killed (or the test
+        // process goes away and the hold pipe reads end-of-file).
+        close(ready[0]);
+        close(hold[1]);
+        char c = kt4IpcOpen(svc, 0) == (svc << 7) ? 'y' : 'n';
+        if (write(ready[1], &c, 1) != 1) _exit(1);
+        while (read(hold[0], &c, 1) != 0) {
+        }
+        _exit(0);
+    }
+    close(ready[1]);
+    close(hold[0]);
+    char c = 0;
+    ASSERT_EQ(1, read(ready[0], &c, 1));
+    close(ready[0]);
+    ASSERT_EQ('y', c);
+
+    // Another process of the card asks for the same endpoint: refused at once, with the
+    // holder named, and nothing of it is left open here.
+    kt4TracePrintOn();
+    testing::internal::CaptureStdout();
+    auto t0 = std::chrono::steady_clock::now();
+    errno = 0;
+    const int refused = kt4IpcOpen(svc, 0);
+    const int err = errno;
+    const double took = ipctest::seconds_since(t0);
+    std::string out = testing::internal::GetCapturedStdout();
+    kt4TracePrintOff();
+    EXPECT_EQ(-1, refused);
+    EXPECT_EQ(EEXIST, err);
+    EXPECT_LT(took, 0.5); // decided by the card's table, not by waiting for the port
+    EXPECT_NE(std::string::npos, out.find("held by process " + std::to_string(first))) << out;
+    EXPECT_EQ(0, kt4IpcIsOpen(svc, 0));
+
+    // The holder dies without closing anything: the next opener takes over cleanly and gets
+    // the traffic.
+    ASSERT_EQ(0, kill(first, SIGKILL));
+    int status = 0;
+    ASSERT_EQ(first, waitpid(first, &status, 0));
+    close(hold[1]);
+    kt4TracePrintOn();
+    testing::internal::CaptureStdout();
+    const int key = kt4IpcOpen(svc, 0);
+    out = testing::internal::GetCapturedStdout();
+    kt4TracePrintOff();
+    ASSERT_EQ(svc << 7, key);
+    EXPECT_NE(std::string::npos, out.find("holder pid " + std::to_string(first) + " is gone"))
+        << out;
+    int found = -1;
+    EXPECT_EQ(kt4IpcGetLocalCpuIpAddr(), kt4_tmeGetPeerIpAddrByName(svc, 0, &found));
+    ipctest::RawSock peer(0);
+    auto m = make_msg(64, 5, 5, svc, 1, svc, 0);
+    kt4IpcHdrSet(m.data(), KT4_IPC_HDR_MAGIC, KT4_IPC_MAGIC);
+    ASSERT_EQ(64, peer.send_to(ipctest::port_of(svc, 0, 1), m.data(), m.size()));
+    unsigned char in[128];
+    EXPECT_EQ(64, kt4IpcRecv(key | 1, in, sizeof in, 2, 5, 5));
+    EXPECT_EQ(0, kt4IpcClose(key));
 }
 
 } // namespace

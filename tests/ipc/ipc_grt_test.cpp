@@ -185,6 +185,56 @@ TEST_F(Grt, RetriedThreeTimesWhenTheReceiverStaysSilent) {
     EXPECT_EQ(0, s.flags & KT4_IPCG_FLAG_FIRST);
 }
 
+TEST_F(Grt, JunkOnTheResponseQueueUsesUpNoTries) {
+    RawSock peer(port_of(svcB, 0, 1));
+    ASSERT_TRUE(peer.bound());
+    const uint16_t back = port_of(svcA, 1, 2);
+    auto junk = [&](int n) {
+        unsigned char j[16] = {};
+        for (int i = 0; i < n; ++i) {
+            j[0] = static_cast<unsigned char>(i);
+            peer.send_to(back, j, 1 + static_cast<size_t>(i % 16));
+        }
+    };
+    // Junk left over from before the send, and more arriving during the wait before the
+    // acknowledgement: one copy is sent and acknowledged.
+    junk(120);
+    std::atomic<int> copies{0};
+    std::thread acker([&] {
+        auto d = peer.recv(3000);
+        if (d.size() < 60) return;
+        ++copies;
+        junk(120);
+        ack(peer, d, KT4_IPC_CMD_GUARANTEED_ACK_FIRST);
+        while (!peer.recv(300).empty())
+            ++copies;
+    });
+    auto m = make_msg(80, 76, 1, svcA, 1, svcB, 0);
+    EXPECT_EQ(80, kt4IpcSend(keyA, m.data(), 80));
+    acker.join();
+    EXPECT_EQ(1, copies.load());
+    kt4IpcGTargetStats s = stats_to(svcB, 0);
+    EXPECT_EQ(1u, s.successes);
+    EXPECT_EQ(0u, s.retriesTry1);
+
+    // A receiver that never answers but floods the response queue: the tries still end by
+    // their one-second waits.
+    std::thread flooder([&] {
+        for (int i = 0; i < 3; ++i) {
+            if (peer.recv(3000).size() < 60) return;
+            ++copies;
+            junk(120);
+        }
+    });
+    auto t0 = std::chrono::steady_clock::now();
+    errno = 0;
+    EXPECT_EQ(-1, kt4IpcSend(keyA, m.data(), 80));
+    EXPECT_EQ(ETIMEDOUT, errno);
+    EXPECT_GT(seconds_since(t0), 2.7);
+    flooder.join();
+    EXPECT_EQ(4, copies.load());
+}
+
 TEST_F(Grt, SequenceTagsWrapAtSixteenBits) {
     RawSock responder(port_of(svcB, 0, 1));
     ASSERT_TRUE(responder.bound());

@@ -1,6 +1,7 @@
 // Messages between endpoints of one process: plain send and receive with selection, reply
 // by exchange, send-and-wait, peek, the notifier, garbage on every receive path, history.
 #include "ipc_test_util.h"
+#include "support/kt4_test_env.h"
 
 #include <kt4/ipc.h>
 #include <kt4/log.h>
@@ -11,6 +12,8 @@
 #include <atomic>
 #include <cerrno>
 #include <chrono>
+#include <cstdlib>
+#include <cstring>
 #include <string>
 #include <thread>
 
@@ -93,6 +96,130 @@ TEST_F(IpcPair, BadArgumentsOnEverySendPath) {
     // A message shorter than its header is refused before anything is written.
     EXPECT_EQ(-1, kt4IpcNonGuaranteedSend(keyA, m.data(), 59));
     EXPECT_EQ(EINVAL, errno);
+    // A receive buffer that cannot hold a header is refused, and the queue keeps its message.
+    ASSERT_EQ(80, kt4IpcNonGuaranteedSend(keyA, m.data(), 80));
+    errno = 0;
+    EXPECT_EQ(-1, kt4IpcRecv(keyB | 1, in.data(), 59, 1, 0, 0));
+    EXPECT_EQ(EINVAL, errno);
+    EXPECT_EQ(80, kt4IpcRecv(keyB | 1, in.data(), 512, 1, 0, 0));
+}
+
+TEST_F(IpcPair, CutAndLyingDatagramsAreReported) {
+    RawSock peer(0);
+    const uint16_t to = port_of(svcB, 2, 1);
+    // Longer than the caller's buffer: its first bytes arrive, with EMSGSIZE to say so.
+    auto big = a_to_b(65507, 5, 5);
+    kt4IpcHdrSet(big.data(), KT4_IPC_HDR_MAGIC, KT4_IPC_MAGIC);
+    ASSERT_EQ(65507, peer.send_to(to, big.data(), big.size()));
+    std::vector<unsigned char> buf(2048);
+    errno = 0;
+    EXPECT_EQ(-1, kt4IpcRecv(keyB | 1, buf.data(), 2048, 1, 0, 0));
+    EXPECT_EQ(EMSGSIZE, errno);
+    EXPECT_EQ(0, std::memcmp(buf.data(), big.data(), 2048));
+    EXPECT_EQ(65507u, kt4IpcHdrGet(buf.data(), KT4_IPC_HDR_LENGTH));
+    // Padding after a message that fits is no loss: the bytes that arrived, no error.
+    auto padded = a_to_b(3000, 5, 4);
+    kt4IpcHdrSet(padded.data(), KT4_IPC_HDR_MAGIC, KT4_IPC_MAGIC);
+    kt4IpcHdrSet(padded.data(), KT4_IPC_HDR_LENGTH, 100);
+    ASSERT_EQ(3000, peer.send_to(to, padded.data(), padded.size()));
+    EXPECT_EQ(2048, kt4IpcRecv(keyB | 1, buf.data(), 2048, 1, 0, 0));
+
+    // A header that claims more bytes than its datagram carries is no message: dropped.
+    auto liar = a_to_b(100, 5, 6), honest = a_to_b(100, 5, 7);
+    kt4IpcHdrSet(liar.data(), KT4_IPC_HDR_MAGIC, KT4_IPC_MAGIC);
+    kt4IpcHdrSet(liar.data(), KT4_IPC_HDR_LENGTH, 101);
+    kt4IpcHdrSet(honest.data(), KT4_IPC_HDR_MAGIC, KT4_IPC_MAGIC);
+    ASSERT_EQ(100, peer.send_to(to, liar.data(), 100));
+    ASSERT_EQ(100, peer.send_to(to, honest.data(), 100));
+    ASSERT_EQ(100, kt4IpcRecv(keyB | 1, buf.data(), 2048, 1, 0, 0));
+    EXPECT_EQ(7u, kt4IpcHdrGet(buf.data(), KT4_IPC_HDR_TRANSACTION));
+
+    // A reply longer than the send-and-wait buffer: the same.
+    std::thread server([&] {
+        std::vector<unsigned char> in(512);
+        int n = kt4IpcRecv(keyB | 1, in.data(), 512, 3, 0, 0);
+        if (n < 60) return;
+        kt4IpcHdrSet(in.data(), KT4_IPC_HDR_LENGTH, 400);
+        kt4IpcReply(keyB, in.data(), 400);
+    });
+    auto req = a_to_b(100, 8, 8);
+    errno = 0;
+    EXPECT_EQ(-1, kt4IpcSendWait(keyA, req.data(), 100, 3, 8, 8));
+    EXPECT_EQ(EMSGSIZE, errno);
+    server.join();
+    EXPECT_EQ(static_cast<uint32_t>(KT4_IPC_CMD_RSP),
+              kt4IpcHdrGet(req.data(), KT4_IPC_HDR_CMD_TYPE));
+    EXPECT_EQ(400u, kt4IpcHdrGet(req.data(), KT4_IPC_HDR_LENGTH));
+}
+
+// Sum of the counts in the "... N suppressed" lines of a ring text.
+int suppressed_in(const std::string &text) {
+    const std::string tag = "dropped datagrams suppressed: ";
+    int sum = 0;
+    for (size_t at = text.find(tag); at != std::string::npos; at = text.find(tag, at + 1))
+        sum += std::atoi(text.c_str() + at + tag.size());
+    return sum;
+}
+
+TEST_F(IpcPair, FloodOfBadDatagramsLeavesTheTraceRingItsHistory) {
+    const std::string mark = "flood mark of process " + std::to_string(getpid());
+    kt4WarningPrintf(5, "%s", mark.c_str());
+    RawSock peer(0);
+    const uint16_t to = port_of(svcB, 2, 1);
+    constexpr int kJunk = 4000; // more than the ring's 3000 slots
+    std::thread flood([&] {
+        unsigned char junk[60] = {};
+        for (int i = 0; i < kJunk; ++i) {
+            // No two lines alike in a row, so the ring cannot fold them into one.
+            size_t len = 1 + static_cast<size_t>(i % 59);
+            if (i % 2 == 1) {
+                len = 60;
+                junk[3] = static_cast<unsigned char>(i);
+                junk[2] = static_cast<unsigned char>(i >> 8);
+            }
+            peer.send_to(to, junk, len);
+            // Let the receiver drain before the socket's buffer could overflow.
+            for (int w = 0; i % 100 == 99 && w < 25000 && kt4IpcGetNumMsgs(keyB | 1) > 0; ++w)
+                ::usleep(200);
+        }
+        auto good = a_to_b(60, 1, 1);
+        kt4IpcHdrSet(good.data(), KT4_IPC_HDR_MAGIC, KT4_IPC_MAGIC);
+        peer.send_to(to, good.data(), 60);
+    });
+    std::vector<unsigned char> buf(256);
+    EXPECT_EQ(60, kt4IpcRecv(keyB | 1, buf.data(), 256, 10, 0, 0));
+    flood.join();
+
+    // When warnings resume after a pause, the number held back is reported first.
+    int extra = 0;
+    std::string resumed;
+    for (int i = 0; i < 25 && resumed.find("suppressed") == std::string::npos; ++i) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(200));
+        unsigned char junk[8] = {static_cast<unsigned char>(i)};
+        peer.send_to(to, junk, 1 + static_cast<size_t>(i % 7));
+        ++extra;
+        auto good = a_to_b(60, 1, 1);
+        kt4IpcHdrSet(good.data(), KT4_IPC_HDR_MAGIC, KT4_IPC_MAGIC);
+        peer.send_to(to, good.data(), 60);
+        kt4TracePrintOn();
+        testing::internal::CaptureStdout();
+        EXPECT_EQ(60, kt4IpcRecv(keyB | 1, buf.data(), 256, 2, 0, 0));
+        resumed = testing::internal::GetCapturedStdout();
+        kt4TracePrintOff();
+    }
+    EXPECT_NE(std::string::npos, resumed.find("suppressed")) << resumed;
+
+    testing::internal::CaptureStdout();
+    kt4TraceDisplaySoftware();
+    const std::string ring = testing::internal::GetCapturedStdout();
+    const size_t from = ring.find(mark);
+    ASSERT_NE(std::string::npos, from) << "the flood overwrote the ring";
+    const std::string after = ring.substr(from);
+    const int warned =
+        kt4test::count_of(after, ": too short") + kt4test::count_of(after, "magic no match");
+    EXPECT_LT(warned, 100);
+    // Every bad datagram is accounted for: warned about, or counted as suppressed.
+    EXPECT_EQ(kJunk + extra, warned + suppressed_in(after));
 }
 
 TEST_F(IpcPair, ReplyByExchangeAndSendWait) {
