@@ -8,6 +8,7 @@
 #include "common/kt4_check.h"
 #include "log/trace_ring.h"
 #include "platform/health.h"
+#include "platform/lock_holders.h"
 
 #include <kt4/hostsim.h>
 #include <kt4/log.h>
@@ -47,6 +48,7 @@ constexpr FixedTable kFixedTables[] = {
     {kTraceFlags, trace::kFlagsTableBytes, trace::format_flags},
     {kTraceRings, trace::kRingsTableBytes, trace::format_rings},
     {kHealth, health::kTableBytes, zero_table},
+    {kLockHolders, holders::kTableBytes, holders::format},
 };
 
 constexpr size_t fixed_end() {
@@ -61,6 +63,15 @@ std::atomic<size_t> g_size{0};
 
 pthread_mutex_t *area_mutex(std::byte *image) {
     return reinterpret_cast<pthread_mutex_t *>(image + kAreaMutexOffset);
+}
+
+void init_area_mutex(std::byte *image) {
+    pthread_mutexattr_t attr;
+    KT4_VERIFY(!pthread_mutexattr_init(&attr));
+    KT4_VERIFY(!pthread_mutexattr_setpshared(&attr, PTHREAD_PROCESS_SHARED));
+    KT4_VERIFY(!pthread_mutexattr_setrobust(&attr, PTHREAD_MUTEX_ROBUST));
+    KT4_VERIFY(!pthread_mutex_init(area_mutex(image), &attr));
+    KT4_VERIFY(!pthread_mutexattr_destroy(&attr));
 }
 
 HeaderRecord *header() {
@@ -194,14 +205,18 @@ bool format(void *image, size_t bytes) {
     h->slots[kHeap].offset = off;
     h->slots[kHeap].size = bytes - off;
 
-    pthread_mutexattr_t attr;
-    KT4_VERIFY(!pthread_mutexattr_init(&attr));
-    KT4_VERIFY(!pthread_mutexattr_setpshared(&attr, PTHREAD_PROCESS_SHARED));
-    KT4_VERIFY(!pthread_mutexattr_setrobust(&attr, PTHREAD_MUTEX_ROBUST));
-    KT4_VERIFY(!pthread_mutex_init(area_mutex(b), &attr));
-    KT4_VERIFY(!pthread_mutexattr_destroy(&attr));
+    init_area_mutex(b);
     h->state = kStateReady;
     return true;
+}
+
+void renew_mutexes(void *image) {
+    auto *b = static_cast<std::byte *>(image);
+    init_area_mutex(b);
+    View v{b, static_cast<size_t>(reinterpret_cast<HeaderRecord *>(b)->areaSize.get())};
+    size_t bytes = 0;
+    if (const std::byte *t = table_in(v, kLockHolders, &bytes))
+        holders::reset_mutexes(const_cast<std::byte *>(t), bytes);
 }
 
 void seal(void *image) {

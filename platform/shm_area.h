@@ -6,7 +6,7 @@
 // is found through its slot, never through a fixed offset, so tables can be added without
 // moving the others:
 //
-//   header page | trace flags | trace rings | health records | shared-memory heap (the rest)
+//   header page | trace flags | trace rings | health records | lock holders | heap (the rest)
 //
 // Tables laid out with the area (fixed size) sit between the header and the heap. Tables
 // that a family creates later, on first use (the event-log key registry, for instance), are
@@ -41,6 +41,7 @@ enum Table : uint32_t {
     kTaskTable = 4,      // the task manager's task table (lock 5)
     kSwpQueueTable = 5,  // the SWP queue table (lock 2)
     kEvtKeyRegistry = 6, // the event-log key registry (reader-writer lock 1)
+    kLockHolders = 7,    // who holds the numbered locks (platform/lock_holders.h)
     kTableCount = 16     // slots in the header; the unnamed ones are spare
 };
 
@@ -157,6 +158,12 @@ inline const std::byte *table_in(const View &view, Table t, size_t *bytes) {
     if (bytes != nullptr) *bytes = static_cast<size_t>(n);
     return view.image + off;
 }
+
+// Makes the process-shared mutexes of a laid-out area usable again. Only for an area that no
+// other process has mapped: a mutex left locked by a process of an earlier boot would
+// otherwise never be released (robust mutexes are given back only when their owner dies
+// while the system that knew it runs).
+void renew_mutexes(void *image);
 
 // Called by KT4_ProcShmInit once the area is mapped and laid out or found.
 void attach(void *image, size_t bytes);

@@ -10,12 +10,20 @@
 // not match a take be reported. Several threads of the process update it, so its words are
 // atomic; they hold their values big-endian like every record of the library.
 //
+// Every semop of a take or a give runs inside its lock's section (lock_holders.h), which
+// records the holder in the card's shared area; the card's process monitor gives back what a
+// process that died still held (KT4_ShmLockRecover).
+//
 // Lock order: the numbered locks are leaves for this file; nothing here takes another lock
-// while holding one. The trace channel takes lock 4 through the quiet internal calls at the
-// bottom so that reporting never comes back into a lock it is taking.
+// while holding one (a lock's section is held only around one semop). The trace channel takes
+// lock 4 through the quiet internal calls at the bottom so that reporting never comes back
+// into a lock it is taking.
 #include "platform/shm_locks.h"
 
 #include "platform/atomic_be32.h"
+#include "platform/lock_holders.h"
+#include "platform/shm_area.h"
+#include "platform/platform_int.h"
 
 #include <kt4/log.h>
 #include <kt4/platform.h>
@@ -24,6 +32,9 @@
 #include <sys/ipc.h>
 #include <sys/sem.h>
 #include <unistd.h>
+
+#include <algorithm>
+#include <optional>
 
 #include <atomic>
 #include <cerrno>
@@ -63,7 +74,8 @@ struct LockWord {
 struct LockTable {
     LockWord plain[kPlainLocks];
     LockWord rw[kRwLocks];
-    std::atomic<int> keyOffset{0}; // the offset the ids were opened with
+    std::atomic<int> keyOffset{0};   // the offset the ids were opened with
+    std::atomic<bool> opened{false}; // KT4_InitShmSem was called
 };
 
 LockTable g_table;
@@ -82,6 +94,18 @@ int env_key_offset() {
     return (end != nullptr && *end == '\0') ? static_cast<int>(n) : 0;
 }
 
+// The card's 30 keys, plain locks first, by holder-table index.
+int card_key(int offset, int slot) {
+    return slot < kPlainLocks ? KT4_SHM_LOCK_KEY_BASE + slot + offset
+                              : KT4_SHM_RW_LOCK_KEY_BASE + (slot - kPlainLocks) + offset;
+}
+constexpr int kCardSets = kPlainLocks + kRwLocks;
+
+// The key of a lock of this process's card by its holder-table index.
+int key_of_slot(int slot) {
+    return card_key(g_table.opened.load() ? g_table.keyOffset.load() : env_key_offset(), slot);
+}
+
 bool lock_traces_on() {
     return (wrap_modtraceflags(kTraceModule) & kTraceFlag) != 0;
 }
@@ -92,19 +116,55 @@ void out_of_range(const char *call, int svc, int max) {
 }
 
 void not_open(const char *call, int svc) {
-    kt4ErrorPrintf(kTraceModule, "%s: lock %d is not open in pid %d (KT4_InitShmSem not called)",
+    kt4ErrorPrintf(kTraceModule,
+                   "%s: lock %d is not open in pid %d (KT4_InitShmSem not called, or it refused "
+                   "the lock)",
                    call, svc, static_cast<int>(getpid()));
+    errno = ENOENT;
+}
+
+const char *lock_name(int slot, char *buf, size_t n) {
+    if (slot < kPlainLocks)
+        std::snprintf(buf, n, "plain lock %d", slot);
+    else
+        std::snprintf(buf, n, "reader-writer lock %d", slot - kPlainLocks);
+    return buf;
+}
+
+// The line that reports a lock given back for a dead holder.
+void recovered_text(const kt4::holders::Recovered &r, char *buf, size_t n) {
+    char name[32];
+    std::snprintf(buf, n, "KT4_ShmLockRecover: %s given back (%s): process %d died holding it",
+                  lock_name(r.slot, name, sizeof name),
+                  r.slot < kPlainLocks    ? "taken"
+                  : r.units == kRwInitial ? "write hold"
+                                          : "read hold",
+                  r.pid);
+}
+
+// A taker that has waited about a second looks at the lock's holders itself, so that a lock
+// of a dead process is given back even before (or without) any monitor: the start-up of a
+// process traces before its monitor runs, and the trace takes lock 4. It says so on standard
+// error only: a report through the trace channel could come back into a lock this task holds.
+constexpr int kTriesBeforeRecovery = 25;
+
+void recover_while_waiting(int slot, int tries) {
+    if (tries % kTriesBeforeRecovery != 0) return;
+    kt4::holders::Recovered got[kt4::holders::kSlotsPerLock];
+    int n = kt4::holders::recover(key_of_slot, got, kt4::holders::kSlotsPerLock, slot);
+    for (int i = 0; i < std::min(n, kt4::holders::kSlotsPerLock); ++i) {
+        char text[160];
+        recovered_text(got[i], text, sizeof text);
+        std::fprintf(stderr, "%s\n", text);
+    }
 }
 
 // Polls op on the set until it succeeds. A failure other than "would wait" (the set removed
 // under us, for instance) is reported once; the poll goes on, since a take never fails.
-void poll_take(int semid, short op, const char *call, int svc) {
-    sembuf sb{};
-    sb.sem_num = 0;
-    sb.sem_op = op;
-    sb.sem_flg = IPC_NOWAIT;
+void poll_take(int slot, int semid, short op, const char *call, int svc) {
     bool reported = false;
-    while (semop(semid, &sb, 1) != 0) {
+    for (int tries = 1; kt4::holders::semop_recorded(slot, semid, op) != 0; ++tries) {
+        recover_while_waiting(slot, tries);
         int err = errno;
         if (err != EAGAIN && !reported) {
             kt4ErrorPrintf(kTraceModule, "%s: lock %d (semaphore id %d) cannot be taken: %s", call,
@@ -117,24 +177,17 @@ void poll_take(int semid, short op, const char *call, int svc) {
 
 // The quiet poll of the trace channel: it gives up only when the set is gone (the card torn
 // down), so that tracing falls back to its process lock instead of waiting for ever.
-bool poll_take_quiet(int semid, short op) {
-    sembuf sb{};
-    sb.sem_num = 0;
-    sb.sem_op = op;
-    sb.sem_flg = IPC_NOWAIT;
-    while (semop(semid, &sb, 1) != 0) {
+bool poll_take_quiet(int slot, int semid, short op) {
+    for (int tries = 1; kt4::holders::semop_recorded(slot, semid, op) != 0; ++tries) {
         if (errno == EINVAL || errno == EIDRM) return false;
+        recover_while_waiting(slot, tries);
         taskDelay(2);
     }
     return true;
 }
 
-int give_once(int semid, short op) {
-    sembuf sb{};
-    sb.sem_num = 0;
-    sb.sem_op = op;
-    sb.sem_flg = IPC_NOWAIT;
-    return semop(semid, &sb, 1);
+int give_once(int slot, int semid, short op) {
+    return kt4::holders::semop_recorded(slot, semid, op);
 }
 
 void reset_table() {
@@ -158,6 +211,94 @@ void remove_set(key_t key, int &rc) {
     if (semctl(id, 0, IPC_RMID) != 0) rc = -1;
 }
 
+// Linux hands out System V ids as seq * 32768 + index, and only the very first set made in
+// an IPC namespace (a newly booted machine, a container) gets seq 0 at index 0: id 0, which
+// the lock table takes for a missing lock. A creator spends that first id on a private set of
+// its own, so that none of the card's locks can get it. Once spent it never comes back (the
+// sequence only returns to 0 after 65536 turns of the whole index range).
+void spend_id_zero() {
+    for (int tries = 0; tries < 2; ++tries) {
+        int id = semget(IPC_PRIVATE, 1, IPC_CREAT | 0600);
+        if (id < 0) return; // the card's own creation then reports why
+        semctl(id, 0, IPC_RMID);
+        if (id != 0) return;
+    }
+}
+
+// Is the set this user's own, reachable by no other user? The card's sets are made with
+// mode 0600 by the card's user; one made by anybody else (with the card's key, before the
+// card) would let that user hold the card's locks or watch them.
+bool set_is_ours(int semid, int slot, int key) {
+    semid_ds ds{};
+    char name[32];
+    if (semctl(semid, 0, IPC_STAT, &ds) != 0) {
+        int err = errno;
+        kt4::platform::say_error(kTraceModule,
+                                 "KT4_InitShmSem: %s (key %d, semaphore id %d) cannot be checked: "
+                                 "%s; refused",
+                                 lock_name(slot, name, sizeof name), key, semid,
+                                 std::strerror(err));
+        return false;
+    }
+    const uid_t me = geteuid();
+    if (ds.sem_perm.uid == me && ds.sem_perm.cuid == me && (ds.sem_perm.mode & 077) == 0)
+        return true;
+    kt4::platform::say_error(
+        kTraceModule,
+        "KT4_InitShmSem: %s (key %d, semaphore id %d) is not this card's: it belongs to uid %u "
+        "(made by uid %u) with mode 0%03o, while the card's locks belong to uid %u with mode "
+        "0600; refused",
+        lock_name(slot, name, sizeof name), key, semid, static_cast<unsigned>(ds.sem_perm.uid),
+        static_cast<unsigned>(ds.sem_perm.cuid), static_cast<unsigned>(ds.sem_perm.mode & 0777),
+        static_cast<unsigned>(me));
+    return false;
+}
+
+// Before a creator makes the card's locks: sets that already exist with the card's keys are
+// the card's own. They are cleared only when they are stale, that is when no live process is
+// attached to the card (a card whose processes were all killed, or one that a tool brought up
+// and nothing joined yet): the creator of a new card racing a live one must fail, as its
+// exclusive creation then does, and leave the live card alone. Sets of another user are never
+// touched. The caller holds card (no process can attach meanwhile).
+void clear_stale_sets(int offset, const kt4::platform::CardExclusive &card) {
+    int ids[kCardSets];
+    int existing = 0;
+    for (int slot = 0; slot < kCardSets; ++slot) {
+        ids[slot] = semget(static_cast<key_t>(card_key(offset, slot)), 0, 0);
+        if (ids[slot] < 0) continue;
+        ++existing;
+        semid_ds ds{};
+        if (semctl(ids[slot], 0, IPC_STAT, &ds) == 0 && ds.sem_perm.uid == geteuid() &&
+            ds.sem_perm.cuid == geteuid())
+            continue;
+        char name[32];
+        kt4::platform::say_error(
+            kTraceModule,
+            "KT4_InitShmSem: the card's %s (key %d) exists and belongs to uid %u, not to this "
+            "user (uid %u): nothing cleared, the card's locks cannot be created",
+            lock_name(slot, name, sizeof name), card_key(offset, slot),
+            static_cast<unsigned>(ds.sem_perm.uid), static_cast<unsigned>(geteuid()));
+        return;
+    }
+    if (existing == 0) return;
+    if (!card.exclusive()) {
+        kt4::platform::say_error(kTraceModule,
+                                 "KT4_InitShmSem: %d of the card's locks exist and the card is in "
+                                 "use (%s): nothing cleared",
+                                 existing, card.why());
+        return;
+    }
+    int removed = 0;
+    for (int slot = 0; slot < kCardSets; ++slot)
+        if (ids[slot] >= 0 && semctl(ids[slot], 0, IPC_RMID) == 0) ++removed;
+    kt4::platform::say_warning(
+        kTraceModule,
+        "KT4_InitShmSem: cleared %d stale locks of a card that no live process is attached to "
+        "(System V keys %d to %d and %d to %d); making them again",
+        removed, card_key(offset, 0), card_key(offset, kPlainLocks - 1),
+        card_key(offset, kPlainLocks), card_key(offset, kCardSets - 1));
+}
+
 } // namespace
 
 // ---- internal: the quiet take and give of the trace channel ----
@@ -170,7 +311,7 @@ bool is_open(int n) {
 
 bool take(int n) {
     LockWord &w = g_table.plain[n];
-    if (!poll_take_quiet(w.get_id(), kPlainTake)) return false;
+    if (!poll_take_quiet(kt4::holders::plain_slot(n), w.get_id(), kPlainTake)) return false;
     w.set_shadow(0);
     KT4_TSAN_ACQUIRE(&w);
     return true;
@@ -180,7 +321,7 @@ void give(int n) {
     LockWord &w = g_table.plain[n];
     w.set_shadow(1);
     KT4_TSAN_RELEASE(&w);
-    give_once(w.get_id(), kPlainGive);
+    give_once(kt4::holders::plain_slot(n), w.get_id(), kPlainGive);
 }
 
 } // namespace kt4::shmlock
@@ -191,6 +332,7 @@ int KT4_ShmLock(int svc) {
     if (svc < 0 || svc >= kPlainLocks) {
         out_of_range("KT4_ShmLock", svc, kPlainLocks);
         KT4_ASSERT_TAG(svc >= 0 && svc < KT4_SHM_NUM_LOCKS, kSource);
+        errno = EINVAL;
         return ERROR;
     }
     LockWord &w = g_table.plain[svc];
@@ -199,7 +341,7 @@ int KT4_ShmLock(int svc) {
         not_open("KT4_ShmLock", svc);
         return ERROR;
     }
-    poll_take(id, kPlainTake, "KT4_ShmLock", svc);
+    poll_take(kt4::holders::plain_slot(svc), id, kPlainTake, "KT4_ShmLock", svc);
     w.set_shadow(0);
     KT4_TSAN_ACQUIRE(&w);
     return OK;
@@ -209,6 +351,7 @@ int KT4_ShmUnLock(int svc) {
     if (svc < 0 || svc >= kPlainLocks) {
         out_of_range("KT4_ShmUnLock", svc, kPlainLocks);
         KT4_ASSERT_TAG(svc >= 0 && svc < KT4_SHM_NUM_LOCKS, kSource);
+        errno = EINVAL;
         return ERROR;
     }
     LockWord &w = g_table.plain[svc];
@@ -236,13 +379,14 @@ int KT4_ShmUnLock(int svc) {
     // Given all the same: the kernel value is not clamped, so a double give lets two takers in.
     w.set_shadow(1);
     KT4_TSAN_RELEASE(&w);
-    return give_once(id, kPlainGive);
+    return give_once(kt4::holders::plain_slot(svc), id, kPlainGive);
 }
 
 int KT4_ShmReadLock(int svc) {
     if (svc < 0 || svc >= kRwLocks) {
         out_of_range("KT4_ShmReadLock", svc, kRwLocks);
         KT4_ASSERT_TAG(svc >= 0 && svc < KT4_SHM_NUM_RW_LOCKS, kSource);
+        errno = EINVAL;
         return ERROR;
     }
     LockWord &w = g_table.rw[svc];
@@ -251,7 +395,7 @@ int KT4_ShmReadLock(int svc) {
         not_open("KT4_ShmReadLock", svc);
         return ERROR;
     }
-    poll_take(id, kReadTake, "KT4_ShmReadLock", svc);
+    poll_take(kt4::holders::rw_slot(svc), id, kReadTake, "KT4_ShmReadLock", svc);
     w.add_shadow(1);
     KT4_TSAN_ACQUIRE(&w);
     return OK;
@@ -261,6 +405,7 @@ int KT4_ShmReadUnLock(int svc) {
     if (svc < 0 || svc >= kRwLocks) {
         out_of_range("KT4_ShmReadUnLock", svc, kRwLocks);
         KT4_ASSERT_TAG(svc >= 0 && svc < KT4_SHM_NUM_RW_LOCKS, kSource);
+        errno = EINVAL;
         return ERROR;
     }
     LockWord &w = g_table.rw[svc];
@@ -276,13 +421,14 @@ int KT4_ShmReadUnLock(int svc) {
                        svc, shadow, static_cast<int>(getpid()));
     w.add_shadow(-1);
     KT4_TSAN_RELEASE(&w);
-    return give_once(id, kReadGive);
+    return give_once(kt4::holders::rw_slot(svc), id, kReadGive);
 }
 
 int KT4_ShmWriteLock(int svc) {
     if (svc < 0 || svc >= kRwLocks) {
         out_of_range("KT4_ShmWriteLock", svc, kRwLocks);
         KT4_ASSERT_TAG(svc >= 0 && svc < KT4_SHM_NUM_RW_LOCKS, kSource);
+        errno = EINVAL;
         return ERROR;
     }
     LockWord &w = g_table.rw[svc];
@@ -291,7 +437,7 @@ int KT4_ShmWriteLock(int svc) {
         not_open("KT4_ShmWriteLock", svc);
         return ERROR;
     }
-    poll_take(id, kWriteTake, "KT4_ShmWriteLock", svc);
+    poll_take(kt4::holders::rw_slot(svc), id, kWriteTake, "KT4_ShmWriteLock", svc);
     w.set_shadow(-1);
     KT4_TSAN_ACQUIRE(&w);
     return OK;
@@ -301,6 +447,7 @@ int KT4_ShmWriteUnLock(int svc) {
     if (svc < 0 || svc >= kRwLocks) {
         out_of_range("KT4_ShmWriteUnLock", svc, kRwLocks);
         KT4_ASSERT_TAG(svc >= 0 && svc < KT4_SHM_NUM_RW_LOCKS, kSource);
+        errno = EINVAL;
         return ERROR;
     }
     LockWord &w = g_table.rw[svc];
@@ -316,7 +463,7 @@ int KT4_ShmWriteUnLock(int svc) {
                        svc, shadow, static_cast<int>(getpid()));
     w.set_shadow(0);
     KT4_TSAN_RELEASE(&w);
-    return give_once(id, kWriteGive);
+    return give_once(kt4::holders::rw_slot(svc), id, kWriteGive);
 }
 
 int CreateSemWithValue(int index, int key, int *id, int create, int value) {
@@ -349,22 +496,51 @@ int CreateSemWithValue(int index, int key, int *id, int create, int value) {
 int KT4_InitShmSem(int create) {
     int offset = env_key_offset();
     g_table.keyOffset.store(offset, std::memory_order_relaxed);
+    g_table.opened.store(true);
+    std::optional<kt4::platform::CardExclusive> card;
+    if (create) {
+        spend_id_zero();
+        card.emplace(); // held until the locks are made: nobody attaches meanwhile
+        clear_stale_sets(offset, *card);
+    }
     int rc = 0;
-    for (int n = 0; n < kPlainLocks; ++n) {
+    int missing = 0;
+    bool lock4Missing = false;
+    for (int slot = 0; slot < kCardSets; ++slot) {
+        const bool plain = slot < kPlainLocks;
+        const int n = plain ? slot : slot - kPlainLocks;
+        const int key = card_key(offset, slot);
+        const int value = plain ? plain_initial(n) : kRwInitial;
+        // A joiner that has to make a set (as documented, at value 0) found the card not
+        // brought up: it says so below instead of letting its first take wait in silence.
+        if (!create && semget(static_cast<key_t>(key), 0, 0) < 0 && errno == ENOENT) {
+            ++missing;
+            if (slot == KT4_SHM_LOCK_TRACE) lock4Missing = true;
+        }
         int semid = -1;
-        int value = plain_initial(n);
-        CreateSemWithValue(n, KT4_SHM_LOCK_KEY_BASE + n + offset, &semid, create, value);
-        g_table.plain[n].set_id(semid);
-        g_table.plain[n].set_shadow(value);
+        CreateSemWithValue(n, key, &semid, create, value);
+        if (!create && semid >= 0 && !set_is_ours(semid, slot, key)) semid = -1;
+        LockWord &w = plain ? g_table.plain[n] : g_table.rw[n];
+        w.set_id(semid);
+        w.set_shadow(plain ? value : 0);
         // An id of 0 is a valid kernel id, but the system has always taken it for a failure.
         if (semid < 1) rc = -1;
     }
-    for (int n = 0; n < kRwLocks; ++n) {
-        int semid = -1;
-        CreateSemWithValue(n, KT4_SHM_RW_LOCK_KEY_BASE + n + offset, &semid, create, kRwInitial);
-        g_table.rw[n].set_id(semid);
-        g_table.rw[n].set_shadow(0);
-        if (semid < 1) rc = -1;
+    if (missing > 0) {
+        char text[512];
+        std::snprintf(
+            text, sizeof text,
+            "card not brought up: %d of the card's %d locks did not exist (System V keys from %d, "
+            "key offset %d); this process made them taken (value 0), so every take waits until "
+            "the card is brought up: map its shared memory (KT4_ProcShmInit) and create its "
+            "locks (KT4_InitShmSem(1)) before starting its processes",
+            missing, kCardSets, card_key(offset, 0), offset);
+        // Into the trace only when its lock (4) existed: the one just made is taken, and the
+        // trace of a process that has the card's area mapped would wait on it for ever here.
+        if (lock4Missing)
+            std::fprintf(stderr, "%s\n", text);
+        else
+            kt4::platform::say_error(kTraceModule, "%s", text);
     }
     return rc;
 }
@@ -383,6 +559,21 @@ int KT4_ShmSemRem(void) {
     }
     reset_table();
     return rc;
+}
+
+int KT4_ShmLockRecover(void) {
+    if (!kt4::shm::mapped()) {
+        errno = ENOENT;
+        return -1;
+    }
+    kt4::holders::Recovered got[kt4::holders::kLocks * kt4::holders::kSlotsPerLock];
+    int n = kt4::holders::recover(key_of_slot, got, static_cast<int>(std::size(got)));
+    for (int i = 0; i < std::min(n, static_cast<int>(std::size(got))); ++i) {
+        char text[160];
+        recovered_text(got[i], text, sizeof text);
+        kt4::platform::say_warning(kTraceModule, "%s", text);
+    }
+    return n;
 }
 
 void KT4_ShmLockDebug(int level) {

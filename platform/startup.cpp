@@ -1,8 +1,18 @@
 // The card's shared memory file and the start-up and exit of a control process.
 //
 // Lock order: the process's mapping mutex, then the flock on the shared memory file (held
-// only while the area is found or laid out), then the area lock (to read the slots of the
-// trace tables, after the flock is released). No numbered shared-memory lock is taken here.
+// only while the area is found or laid out), then the presence lock (below), then the area
+// lock (to read the slots of the trace tables, after the flock is released). No numbered
+// shared-memory lock is taken here.
+//
+// Presence. Every process that maps the card's file keeps an open-file-description lock,
+// shared, on its first byte for as long as it lives (a child made by fork takes its own). The
+// kernel drops it when the process dies, so "no process holds it" means "no live process is
+// attached to the card": what a creator must know before it clears the locks that a card
+// whose processes were all killed left behind. OFD locks do not mix with the flock that
+// serialises the layout, and unlike POSIX record locks they are not lost when the process
+// happens to close another descriptor of the same file.
+#include "platform/platform_int.h"
 #include "platform/shm_area.h"
 #include "platform/shm_locks.h"
 
@@ -23,8 +33,10 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cinttypes>
+#include <cstdarg>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -48,6 +60,7 @@ constexpr long kPersonalityLpBits = 0x8 | 0x4;
 pthread_once_t g_namesOnce = PTHREAD_ONCE_INIT;
 char g_nameBase[KT4_SHM_NAME_MAX];
 char g_nameFile[KT4_SHM_NAME_MAX];
+size_t g_nameWanted = 0; // length of the file name that was wanted, when it did not fit
 
 long env_long(const char *name, long dflt) {
     const char *v = std::getenv(name);
@@ -64,11 +77,47 @@ void form_names() {
     const char *root = std::getenv("KT4_ROOT");
     // "/kt4" is the product directory of a switch; a simulated card keeps it in $KT4_ROOT.
     if (root == nullptr || *root == '\0') root = kProductDir;
-    std::snprintf(g_nameBase, sizeof g_nameBase, "%s/%s", root, name);
-    // Each name is at most 1023 characters: a longer one is cut, like the system's.
-    size_t n = std::strlen(g_nameBase);
-    std::memcpy(g_nameFile, g_nameBase, n);
-    std::snprintf(g_nameFile + n, sizeof g_nameFile - n, "%s", ".mem");
+    // Each name is at most 1023 characters. A cut name would be another file (the card's
+    // file without ".mem", or in another directory): a root too long for the names leaves
+    // both empty, and mapping the area then fails and says why.
+    int base = std::snprintf(g_nameBase, sizeof g_nameBase, "%s/%s", root, name);
+    int file = std::snprintf(g_nameFile, sizeof g_nameFile, "%s/%s.mem", root, name);
+    if (base < 0 || file < 0 || static_cast<size_t>(file) >= sizeof g_nameFile) {
+        g_nameWanted = file < 0 ? SIZE_MAX : static_cast<size_t>(file);
+        g_nameBase[0] = '\0';
+        g_nameFile[0] = '\0';
+    }
+}
+
+// ---- presence ----
+
+constexpr off_t kPresenceByte = 0;
+std::atomic<int> g_presenceFd{-1}; // this process's attachment (-1: not attached)
+
+int ofd_lock(int fd, short type, bool wait) {
+    struct flock fl {};
+    fl.l_type = type;
+    fl.l_whence = SEEK_SET;
+    fl.l_start = kPresenceByte;
+    fl.l_len = 1;
+    int rc;
+    while ((rc = fcntl(fd, wait ? F_OFD_SETLKW : F_OFD_SETLK, &fl)) != 0 && errno == EINTR) {
+    }
+    return rc;
+}
+
+// A child made by fork shares its parent's open file description and with it the lock: it
+// takes a description and a lock of its own, so that it is counted as long as it lives,
+// whatever the parent does. Only async-signal-safe calls here.
+void presence_after_fork() {
+    if (g_presenceFd.load() < 0 || g_nameFile[0] == '\0') return;
+    int fd = open(g_nameFile, O_RDWR | O_NOFOLLOW | O_CLOEXEC);
+    if (fd < 0) return; // keeps the inherited one, shared with the parent
+    if (ofd_lock(fd, F_RDLCK, false) != 0) {
+        close(fd);
+        return;
+    }
+    close(g_presenceFd.exchange(fd));
 }
 
 // ---- mapping ----
@@ -120,46 +169,102 @@ size_t find_or_lay_out(void *image, size_t mapped, const char *file) {
     const char *why = nullptr;
     if (h->magic == kt4::shm::kMagic) {
         if (!kt4::shm::validate(image, mapped, view, &why)) {
-            kt4ErrorPrintf(kSysModule,
-                           "shared memory file %s is not usable: %s (layout %u of %" PRIu64
-                           " bytes, this process maps %zu bytes of layout %u)",
-                           file, why, h->version.get(), h->areaSize.get(), mapped,
-                           kt4::shm::kVersion);
+            kt4::platform::say_error(
+                kSysModule,
+                "KT4_ProcShmInit: shared memory file %s is not usable: %s "
+                "(layout %u of %" PRIu64 " bytes, this process maps %zu bytes of layout %u)",
+                file, why, h->version.get(), h->areaSize.get(), mapped, kt4::shm::kVersion);
             return 0;
         }
         size_t heapBytes = 0;
         auto *heap = const_cast<std::byte *>(kt4::shm::table_in(view, kt4::shm::kHeap, &heapBytes));
         if (heap == nullptr || mm_core_init(heap, heapBytes, 0) != 0) {
-            kt4ErrorPrintf(kSysModule, "shared memory file %s: its shared-memory heap is damaged",
-                           file);
+            kt4::platform::say_error(
+                kSysModule,
+                "KT4_ProcShmInit: shared memory file %s: its shared-memory heap is damaged", file);
             return 0;
         }
         return view.bytes;
     }
     // Not laid out yet (a new file, or one whose creator died half-way): lay it out.
     if (!kt4::shm::format(image, mapped)) {
-        kt4ErrorPrintf(kSysModule, "shared memory size %zu is below the %zu bytes the area needs",
-                       mapped, kt4::shm::min_area_size());
+        kt4::platform::say_error(
+            kSysModule,
+            "KT4_ProcShmInit: shared memory size %zu is below the %zu bytes the area needs", mapped,
+            kt4::shm::min_area_size());
         return 0;
     }
     auto *hdr = static_cast<kt4::shm::HeaderRecord *>(image);
     auto *heap = static_cast<std::byte *>(image) + hdr->slots[kt4::shm::kHeap].offset.get();
     if (mm_core_init(heap, hdr->slots[kt4::shm::kHeap].size.get(), 1) != 0) {
-        kt4ErrorPrintf(kSysModule,
-                       "shared memory file %s: the shared-memory heap cannot be laid out", file);
+        kt4::platform::say_error(
+            kSysModule,
+            "KT4_ProcShmInit: shared memory file %s: the shared-memory heap cannot be laid out",
+            file);
         return 0;
     }
     kt4::shm::seal(image);
     return mapped;
 }
 
+// Refuses a file that is not the card's own: another user's, or one that other users may
+// read or write (they would read the card's tables or change them under it).
+bool file_is_ours(int fd, const char *file) {
+    struct stat st {};
+    if (fstat(fd, &st) != 0) {
+        int err = errno;
+        kt4ErrorPrintf(kSysModule, "failed to open memory file");
+        kt4::platform::say_error(kSysModule, "KT4_ProcShmInit: %s: %s", file, std::strerror(err));
+        errno = err;
+        return false;
+    }
+    const char *why = nullptr;
+    if (!S_ISREG(st.st_mode))
+        why = "it is not a regular file";
+    else if (st.st_uid != geteuid())
+        why = "it belongs to another user";
+    else if ((st.st_mode & 077) != 0)
+        why = "other users may read or write it";
+    if (why == nullptr) return true;
+    kt4ErrorPrintf(kSysModule, "failed to open memory file");
+    kt4::platform::say_error(kSysModule,
+                             "KT4_ProcShmInit: refusing %s: %s (owner uid %u, mode 0%03o; the "
+                             "card's file is this user's (uid %u) with mode 0600)",
+                             file, why, static_cast<unsigned>(st.st_uid),
+                             static_cast<unsigned>(st.st_mode & 07777),
+                             static_cast<unsigned>(geteuid()));
+    errno = EACCES;
+    return false;
+}
+
 int map_area(size_t size) {
     const char *file = kt4GetShmFileName(0);
-    int fd = open(file, O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+    if (*file == '\0') {
+        kt4ErrorPrintf(kSysModule, "failed to open memory file");
+        kt4::platform::say_error(
+            kSysModule,
+            "KT4_ProcShmInit: KT4_ROOT is too long: the shared memory file's name would have %zu "
+            "characters, at most %d are possible",
+            g_nameWanted, KT4_SHM_NAME_MAX - 1);
+        errno = ENAMETOOLONG;
+        return -1;
+    }
+    // Never through a link: a link at the file's name would have the card write wherever it
+    // points.
+    int fd = open(file, O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600);
     if (fd < 0) {
         int err = errno;
         kt4ErrorPrintf(kSysModule, "failed to open memory file");
-        kt4ErrorPrintf(kSysModule, "%s: %s", file, std::strerror(err));
+        kt4::platform::say_error(kSysModule, "KT4_ProcShmInit: %s: %s", file,
+                                 err == ELOOP ? "it is a symbolic link (refused)"
+                                              : std::strerror(err));
+        errno = err;
+        return -1;
+    }
+    if (!file_is_ours(fd, file)) {
+        int err = errno;
+        close(fd);
+        errno = err;
         return -1;
     }
     // The first process of the card lays the area out; the flock keeps the others out until
@@ -171,9 +276,10 @@ int map_area(size_t size) {
                                 ftruncate(fd, static_cast<off_t>(size)) != 0)) {
         int err = errno;
         kt4ErrorPrintf(kSysModule, "failed to open memory file");
-        kt4ErrorPrintf(kSysModule, "%s: cannot size it to %zu bytes: %s", file, size,
-                       std::strerror(err));
+        kt4::platform::say_error(kSysModule, "KT4_ProcShmInit: %s: cannot size it to %zu bytes: %s",
+                                 file, size, std::strerror(err));
         close(fd);
+        errno = err;
         return -1;
     }
     void *want = reinterpret_cast<void *>(kt4::shm::kBaseAddress);
@@ -184,20 +290,40 @@ int map_area(size_t size) {
         if (p != MAP_FAILED) munmap(p, size);
         kt4ErrorPrintf(kSysModule, "failed to memory map memory file");
         if (err == EEXIST)
-            kt4ErrorPrintf(kSysModule, "%s: address 0x%lx is already in use in this process", file,
-                           static_cast<unsigned long>(kt4::shm::kBaseAddress));
+            kt4::platform::say_error(
+                kSysModule, "KT4_ProcShmInit: %s: address 0x%lx is already in use in this process",
+                file, static_cast<unsigned long>(kt4::shm::kBaseAddress));
         else
-            kt4ErrorPrintf(kSysModule, "%s: %s", file, std::strerror(err));
+            kt4::platform::say_error(kSysModule, "KT4_ProcShmInit: %s: %s", file,
+                                     std::strerror(err));
         close(fd);
+        errno = err;
         return -1;
     }
+    // Alone on the card (no other process attached, and the flock keeps newcomers out)?
+    // Then no mutex in an area found laid out can be held by a live process.
+    const bool alone = ofd_lock(fd, F_WRLCK, false) == 0;
+    const bool existed = static_cast<const kt4::shm::HeaderRecord *>(p)->magic == kt4::shm::kMagic;
     size_t area = find_or_lay_out(p, size, file);
+    if (area != 0 && alone && existed) kt4::shm::renew_mutexes(p);
+    // Attached from here on: shared, like every other process of the card (waits only while
+    // a creator clears what a dead card left, see CardExclusive).
+    if (area != 0 && ofd_lock(fd, F_RDLCK, !alone) != 0) {
+        int err = errno;
+        kt4::platform::say_error(kSysModule, "KT4_ProcShmInit: %s: cannot lock it: %s", file,
+                                 std::strerror(err));
+        area = 0;
+    }
     flock(fd, LOCK_UN);
-    close(fd);
     if (area == 0) {
         munmap(p, size);
+        close(fd);
+        errno = EINVAL;
         return -1;
     }
+    g_presenceFd = fd;
+    static pthread_once_t atforkOnce = PTHREAD_ONCE_INIT;
+    pthread_once(&atforkOnce, [] { pthread_atfork(nullptr, nullptr, presence_after_fork); });
     kt4::shm::attach(p, area);
     attach_trace();
     return 0;
@@ -259,9 +385,9 @@ void reap_children() {
     }
 }
 
-// The process monitor: collects the process's dead children as they end and refreshes the
-// health record once per period, so that a health monitor can tell a live process from a
-// hung one.
+// The process monitor: collects the process's dead children as they end, gives back the
+// numbered locks that dead processes of the card still held, and refreshes the health record
+// once per period, so that a health monitor can tell a live process from a hung one.
 int sys_reaper(kt4_arg_t argcArg, kt4_arg_t argvArg, kt4_arg_t, kt4_arg_t, kt4_arg_t, kt4_arg_t,
                kt4_arg_t, kt4_arg_t, kt4_arg_t, kt4_arg_t) {
     int argc = static_cast<int>(argcArg);
@@ -273,6 +399,8 @@ int sys_reaper(kt4_arg_t argcArg, kt4_arg_t argvArg, kt4_arg_t, kt4_arg_t, kt4_a
     uint64_t due = tick64Get() + every;
     for (;;) {
         reap_children();
+        // Locks held by processes of the card that died are given back (and reported) here.
+        KT4_ShmLockRecover();
         if (tick64Get() >= due) {
             KT4_HealthUpdate();
             due += every;
@@ -284,10 +412,80 @@ int sys_reaper(kt4_arg_t argcArg, kt4_arg_t argvArg, kt4_arg_t, kt4_arg_t, kt4_a
 
 } // namespace
 
+namespace kt4::platform {
+
+namespace {
+
+void say(int kind, int module, const char *format, va_list args) {
+    char text[768];
+    std::vsnprintf(text, sizeof text, format, args);
+    if (kind == KT4_TRACE_KIND_ERROR)
+        kt4ErrorPrintf(module, "%s", text);
+    else
+        kt4WarningPrintf(module, "%s", text);
+    std::fprintf(stderr, "%s\n", text);
+}
+
+} // namespace
+
+void say_error(int module, const char *format, ...) {
+    va_list args;
+    va_start(args, format);
+    say(KT4_TRACE_KIND_ERROR, module, format, args);
+    va_end(args);
+}
+
+void say_warning(int module, const char *format, ...) {
+    va_list args;
+    va_start(args, format);
+    say(KT4_TRACE_KIND_WARNING, module, format, args);
+    va_end(args);
+}
+
+CardExclusive::CardExclusive() {
+    const char *file = kt4GetShmFileName(0);
+    if (*file == '\0') {
+        std::snprintf(why_, sizeof why_, "the shared memory file's name is too long");
+        return;
+    }
+    int own = g_presenceFd.load();
+    if (own >= 0) {
+        // This process is attached itself: its own lock, made exclusive, tells about others.
+        own_ = true;
+        fd_ = own;
+        exclusive_ = ofd_lock(own, F_WRLCK, false) == 0;
+    } else {
+        fd_ = open(file, O_RDWR | O_NOFOLLOW | O_CLOEXEC);
+        if (fd_ < 0) {
+            int err = errno;
+            // No file: no process has the card's area mapped.
+            exclusive_ = err == ENOENT;
+            if (!exclusive_)
+                std::snprintf(why_, sizeof why_, "%s cannot be checked: %s", file,
+                              std::strerror(err));
+            return;
+        }
+        exclusive_ = ofd_lock(fd_, F_WRLCK, false) == 0;
+    }
+    if (!exclusive_ && why_[0] == '\0')
+        std::snprintf(why_, sizeof why_, "a live process has %s mapped", file);
+}
+
+CardExclusive::~CardExclusive() {
+    if (own_) {
+        if (exclusive_) ofd_lock(fd_, F_RDLCK, false); // back to an ordinary attachment
+    } else if (fd_ >= 0) {
+        close(fd_);
+    }
+}
+
+} // namespace kt4::platform
+
 extern "C" {
 
 const char *kt4GetShmFileName(int flag) {
     pthread_once(&g_namesOnce, form_names);
+    if (g_nameFile[0] == '\0') errno = ENAMETOOLONG;
     return flag != 0 ? g_nameBase : g_nameFile;
 }
 
@@ -296,18 +494,27 @@ int KT4_ProcShmInit(int argc, char **argv) {
     if (kt4::shm::mapped()) return 0;
     size_t size = 0;
     if (!parse_size(argc, argv, &size)) {
-        kt4ErrorPrintf(
+        kt4::platform::say_error(
             kSysModule,
             "KT4_ProcShmInit: the last argument must be the shared memory size in bytes");
+        errno = EINVAL;
         return -1;
     }
     long page = sysconf(_SC_PAGESIZE);
     size_t pg = page > 0 ? static_cast<size_t>(page) : 4096;
-    if (size > SIZE_MAX - pg) return -1;
+    if (size > SIZE_MAX - pg) {
+        kt4::platform::say_error(kSysModule, "KT4_ProcShmInit: shared memory size %zu is too large",
+                                 size);
+        errno = EINVAL;
+        return -1;
+    }
     size = (size + pg - 1) / pg * pg;
     if (size < kt4::shm::min_area_size()) {
-        kt4ErrorPrintf(kSysModule, "shared memory size %zu is below the %zu bytes the area needs",
-                       size, kt4::shm::min_area_size());
+        kt4::platform::say_error(
+            kSysModule,
+            "KT4_ProcShmInit: shared memory size %zu is below the %zu bytes the area needs", size,
+            kt4::shm::min_area_size());
+        errno = EINVAL;
         return -1;
     }
     return map_area(size);
@@ -332,35 +539,49 @@ int KT4SigSetMask(int sig) {
 }
 
 int KT4_NbsdpInit(int argc, char **argv) {
+    using kt4::platform::say_error;
+    // Every step goes on after a failed one, as the system always did, and the call returns 0;
+    // a failed step is said on standard error as well as in the trace channel, so that a
+    // process started on a card that was not brought up does not fail silently.
     // Step 1: user signal 1 and child signals are held in every task: children are collected
     // by the monitor, not by handlers.
-    KT4SigSetMask(kSigUsr1);
-    KT4SigSetMask(kSigChld);
+    if (KT4SigSetMask(kSigUsr1) != 0 || KT4SigSetMask(kSigChld) != 0)
+        say_error(kSysModule, "KT4_NbsdpInit: cannot hold the user and child signals: %s",
+                  std::strerror(errno));
     // Step 2.
-    start_serv_process(argc > 0 && argv != nullptr ? argv[0] : nullptr);
-    // Steps 3 and 4.
+    if (start_serv_process(argc > 0 && argv != nullptr ? argv[0] : nullptr) != 0)
+        say_error(kSysModule, "KT4_NbsdpInit: no program name (argv[0]) for the service name");
+    // Steps 3 and 4 (each says why on standard error itself).
     if (KT4_ProcShmInit(argc, argv) != 0)
-        kt4ErrorPrintf(kSysModule, "KT4_NbsdpInit: the shared memory of the card is not mapped");
-    if (KT4_InitShmSem(0) != 0)
-        kt4ErrorPrintf(kSysModule, "KT4_NbsdpInit: shared-memory locks missing");
+        say_error(kSysModule,
+                  "KT4_NbsdpInit: the shared memory of the card is not mapped (%s): the card's "
+                  "tables are not reachable from this process",
+                  std::strerror(errno));
+    if (KT4_InitShmSem(0) != 0) say_error(kSysModule, "KT4_NbsdpInit: shared-memory locks missing");
     // Step 5.
-    kt4VxToBsdInit(1, 1);
+    if (kt4VxToBsdInit(1, 1) != OK)
+        say_error(kSysModule, "KT4_NbsdpInit: the tasking layer did not start (errno 0x%x)",
+                  static_cast<unsigned>(errno));
     // Step 6.
     if (argc >= 8) {
         int index = arg_int(argc, argv, 8, -1);
         int period = arg_int(argc, argv, 7, -1);
         if (KT4_HealthOpen(index, period) != 0 || KT4_HealthUpdate() != 0)
-            kt4ErrorPrintf(kSysModule, "KT4_NbsdpInit: cannot open health record %d (period %d)",
-                           index, period);
+            say_error(kSysModule, "KT4_NbsdpInit: cannot open health record %d (period %d): %s",
+                      index, period, std::strerror(errno));
     } else {
-        kt4WarningPrintf(kSysModule, "KT4_NbsdpInit: no health-record numbers on the command line");
+        kt4::platform::say_warning(
+            kSysModule,
+            "KT4_NbsdpInit: no health-record numbers on the command line (%d arguments; the "
+            "command line ends with 8 system words)",
+            argc);
     }
     // Step 7.
     if (taskSpawn("sysReaper", kReaperPriority, kReaperOptions, kReaperStack, sys_reaper,
                   static_cast<kt4_arg_t>(argc), reinterpret_cast<kt4_arg_t>(argv), 0, 0, 0, 0, 0, 0,
                   0, 0) == ERROR)
-        kt4ErrorPrintf(kSysModule, "KT4_NbsdpInit: cannot spawn sysReaper (errno 0x%x)",
-                       static_cast<unsigned>(errno));
+        say_error(kSysModule, "KT4_NbsdpInit: cannot spawn sysReaper (errno 0x%x)",
+                  static_cast<unsigned>(errno));
     return 0;
 }
 

@@ -12,6 +12,28 @@
  * Well-known locks: 1 (reader-writer) the event-log key registry; plain 2 the SWP queue table,
  * 4 the trace-history rings, 5 the task table.
  *
+ * Bringing a card up. One process creates the card: it maps the shared memory
+ * (KT4_ProcShmInit) and creates the locks (KT4_InitShmSem(1)); only then are the card's control
+ * processes started (KT4_NbsdpInit, which opens the locks without creating them). A joiner
+ * that finds the locks missing makes them taken, as the system always did, and says "card not
+ * brought up" on standard error. The creator spends the first System V id of a fresh IPC
+ * namespace (id 0, which the lock table takes for a missing lock) on a private set first.
+ *
+ * Processes that die. Every take and give records its process beside the lock in the shared
+ * area; the "sysReaper" monitor of every control process gives back, and reports, what a
+ * process that died (SIGKILL included) still held (KT4_ShmLockRecover). Locks are given back
+ * for dead processes only, never for a task deleted in a live one.
+ *
+ * Crashed cards. A process counts as attached to the card while it has the shared memory
+ * mapped. A creator that finds the card's locks already there clears and remakes them when no
+ * live process is attached (a card whose processes were all killed), saying what it cleared;
+ * while any process is attached it clears nothing and fails as documented.
+ *
+ * Other users. The shared memory file is opened without following a link and must belong to
+ * the calling user with no rights for group or others; a joiner refuses a lock whose set
+ * belongs to another user or grants anyone else access. Both are reported and count as
+ * failures.
+ *
  * Shared memory. The card's processes map one file, "$KT4_ROOT/KT4ShmMMap.mem" (KT4_ROOT
  * defaults to /kt4), at the fixed address 0x60000000 with MAP_FIXED_NOREPLACE: an address
  * already in use in the process is reported and the mapping fails. The first process of a card
@@ -20,7 +42,9 @@
  * Command line. A control process's command line ends with arguments for the system:
  * argv[argc - 8] is its process health-record number, argv[argc - 7] the period in seconds at
  * which its monitor refreshes that record, and argv[argc - 1] the size of the shared memory in
- * bytes (decimal). The arguments between them are not read here.
+ * bytes (decimal). The arguments between them are not read here. There are 8 system words in
+ * all (KT4_TASK_SYS_ARGS in <kt4/tme.h> lists them); the task manager's kt4TaskCreate appends
+ * them, and on a development host "kt4card run" does (docs/getting-started.md).
  */
 #ifndef KT4_PLATFORM_H
 #define KT4_PLATFORM_H
@@ -45,8 +69,9 @@ KT4_BEGIN_DECLS
 
 /* ---- Numbered locks ---------------------------------------------------------------------
  * Takes return OK once the lock is held (they poll for ever); ERROR only for a number out of
- * range (reported and asserted) or a lock this process never opened (KT4_InitShmSem).
- * Gives return the result of the single semop they issue.
+ * range (reported and asserted; errno EINVAL) or a lock this process never opened or whose
+ * set it refused (KT4_InitShmSem; errno ENOENT). Gives return the result of the single semop
+ * they issue.
  */
 int KT4_ShmLock(int svc);
 int KT4_ShmUnLock(int svc);
@@ -56,8 +81,9 @@ int KT4_ShmWriteLock(int svc);
 int KT4_ShmWriteUnLock(int svc);
 
 /* Creates (create != 0, exclusively) or opens every lock and fills this process's lock table.
- * 0, or -1 when any lock is missing (an id of 0 counts as missing). The other locks are still
- * created or opened. */
+ * 0, or -1 when any lock is missing (an id of 0 counts as missing), or, when opening, a set is
+ * not this user's alone (refused and reported). The other locks are still created or opened.
+ * Creating clears stale sets of a card with no live process attached first (see above). */
 int KT4_InitShmSem(int create);
 /* One set: semget(key, 1, ...) (key: a System V key_t) and, when creating, SETVAL to value. The id
  * (or -1) is stored through id. 0 or -1. */
@@ -65,6 +91,11 @@ int CreateSemWithValue(int index, int key, int *id, int create, int value);
 /* Removes every set of the locks and the two sets keyed by ftok on the shared memory file
  * (project ids 0 and 1). 0, or -1 when a set could not be removed. */
 int KT4_ShmSemRem(void);
+/* Gives back every lock unit that a process which has died still holds, as recorded in the
+ * card's shared area, and reports each ("KT4_ShmLockRecover: plain lock 4 given back (taken):
+ * process 1234 died holding it"). The number given back, or -1 (errno ENOENT) when this
+ * process has not mapped the shared memory. Run by every control process's "sysReaper". */
+int KT4_ShmLockRecover(void);
 /* Prints this process's lock table; level >= 1 adds the kernel's values and last users. */
 void KT4_ShmLockDebug(int level);
 
@@ -72,13 +103,16 @@ void KT4_ShmLockDebug(int level);
 
 /* The shared memory file's name: without the extension when flag != 0, with ".mem" when 0.
  * Formed once per process (personality flags 8 and 4 both set in $KT4_PERSONALITY select the
- * "KT4ShmMMapLp" name). The string belongs to the library. */
+ * "KT4ShmMMapLp" name). The string belongs to the library. Names are at most 1023 characters:
+ * when $KT4_ROOT is too long for them, both are empty (errno ENAMETOOLONG) and mapping fails. */
 const char *kt4GetShmFileName(int flag);
-/* Maps the shared memory file (size from argv[argc - 1]) once per process. 0 or -1. */
+/* Maps the shared memory file (size from argv[argc - 1]) once per process. 0 or -1, with the
+ * reason (the file's path and the system's error) on standard error and in the trace. */
 int KT4_ProcShmInit(int argc, char **argv);
 /* The start-up call of a control process: signal masks, service name, shared memory, locks,
  * the tasking layer, the health record and the "sysReaper" monitor task. Failed steps are
- * reported; the call returns 0. */
+ * reported on standard error and in the trace, and the next steps still run; the call
+ * returns 0. */
 int KT4_NbsdpInit(int argc, char **argv);
 /* Closes the health record, runs the task manager's exit for the calling task and ends the
  * process. */

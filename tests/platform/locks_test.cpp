@@ -3,6 +3,8 @@
 // out-of-range numbers.
 #include "support/kt4_test_env.h"
 
+#include "card_support.h"
+
 #include <kt4/log.h>
 #include <kt4/platform.h>
 
@@ -13,7 +15,9 @@
 #include <sys/sem.h>
 
 #include <atomic>
+#include <cerrno>
 #include <chrono>
+#include <random>
 #include <thread>
 #include <vector>
 
@@ -212,12 +216,16 @@ TEST_F(ShmLocks, NumbersOutOfRangeAreReportedAndTakeNothing) {
         before.push_back(plain_value(n));
     int rw0 = rw_value(0), rw1 = rw_value(1);
     kt4SetModuleTraceFlag(4, 0x10);
-    EXPECT_EQ(ERROR, KT4_ShmLock(28));
-    EXPECT_EQ(ERROR, KT4_ShmUnLock(-1));
-    EXPECT_EQ(ERROR, KT4_ShmReadLock(2));
-    EXPECT_EQ(ERROR, KT4_ShmReadUnLock(2));
-    EXPECT_EQ(ERROR, KT4_ShmWriteLock(-3));
-    EXPECT_EQ(ERROR, KT4_ShmWriteUnLock(5));
+    for (auto [call, n] : {std::pair{&KT4_ShmLock, 28},
+                           {&KT4_ShmUnLock, -1},
+                           {&KT4_ShmReadLock, 2},
+                           {&KT4_ShmReadUnLock, 2},
+                           {&KT4_ShmWriteLock, -3},
+                           {&KT4_ShmWriteUnLock, 5}}) {
+        errno = 0;
+        EXPECT_EQ(ERROR, call(n)) << n;
+        EXPECT_EQ(EINVAL, errno) << n;
+    }
     kt4SetModuleTraceFlag(4, 0);
     for (int n = 0; n < KT4_SHM_NUM_LOCKS; ++n)
         EXPECT_EQ(before[n], plain_value(n)) << "lock " << n;
@@ -263,6 +271,57 @@ TEST_F(ShmLocks, CreatingAndOpeningSets) {
     std::string table = out.text();
     EXPECT_NE(std::string::npos, table.find("semval  lastpid")) << table;
     EXPECT_EQ(KT4_SHM_NUM_LOCKS + KT4_SHM_NUM_RW_LOCKS + 2, kt4test::count_of(table, "\r\n"));
+}
+
+TEST_F(ShmLocks, LocksOfProcessesKilledAtRandomPointsAreGivenBack) {
+    // Processes take and give locks 4 and 9 and both reader-writer locks in a loop and are
+    // killed (SIGKILL) at random points, inside a take or a give or while holding; a control
+    // process of the card (its sysReaper) runs meanwhile. Afterwards every lock is free.
+    const size_t bytes = kt4test::kAreaBytes;
+    kt4test::Helper monitor = kt4test::start_helper(kt4test::control_args("serve", 20, bytes), {});
+    ASSERT_TRUE(monitor.wait_for("serving", 20)) << monitor.text;
+    const unsigned seed = std::random_device{}();
+    SCOPED_TRACE("seed " + std::to_string(seed));
+    std::mt19937 rng(seed);
+    std::vector<kt4test::Helper> hammers;
+    auto start_one = [&] {
+        hammers.push_back(
+            kt4test::start_helper({"hammer", std::to_string(rng()), std::to_string(bytes)}, {}));
+        hammers.back().close_input();
+    };
+    for (int i = 0; i < 3; ++i)
+        start_one();
+    for (int kill = 0; kill < 40; ++kill) {
+        std::this_thread::sleep_for(std::chrono::microseconds(2000 + rng() % 20000));
+        size_t victim = rng() % hammers.size();
+        hammers[victim].kill_now();
+        hammers.erase(hammers.begin() + static_cast<long>(victim));
+        start_one();
+    }
+    for (auto &h : hammers)
+        h.kill_now();
+    bool free = eventually(
+        [] {
+            return plain_value(4) == 1 && plain_value(9) == 1 && rw_value(0) == 3 &&
+                   rw_value(1) == 3;
+        },
+        10000ms);
+    monitor.close_input();
+    EXPECT_EQ(0, monitor.finish(20)) << monitor.text;
+    ASSERT_TRUE(free) << "lock 4 " << plain_value(4) << ", lock 9 " << plain_value(9) << ", rw 0 "
+                      << rw_value(0) << ", rw 1 " << rw_value(1);
+    // Usable: taken and given here, and reported.
+    ASSERT_EQ(OK, KT4_ShmLock(4));
+    ASSERT_EQ(OK, KT4_ShmLock(9));
+    ASSERT_EQ(OK, KT4_ShmWriteLock(0));
+    ASSERT_EQ(OK, KT4_ShmReadLock(1));
+    EXPECT_EQ(0, KT4_ShmReadUnLock(1));
+    EXPECT_EQ(0, KT4_ShmWriteUnLock(0));
+    EXPECT_EQ(0, KT4_ShmUnLock(9));
+    EXPECT_EQ(0, KT4_ShmUnLock(4));
+    EXPECT_EQ(1, plain_value(4));
+    EXPECT_EQ(3, rw_value(0));
+    EXPECT_EQ(0, KT4_ShmLockRecover()) << "nothing left to give back";
 }
 
 } // namespace
