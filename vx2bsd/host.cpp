@@ -286,11 +286,6 @@ timespec deadline_after(int ticks) {
     return ts;
 }
 
-void turn_retry_sleep() {
-    timespec ts{0, 100000};
-    nanosleep(&ts, nullptr);
-}
-
 void cond_init_monotonic(pthread_cond_t *c) {
     pthread_condattr_t ca;
     KT4_VERIFY(!pthread_condattr_init(&ca));

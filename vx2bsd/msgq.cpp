@@ -1,16 +1,18 @@
 // Message queues: a ring of fixed-size slots, each a 32-bit big-endian length and the message.
 //
-// Locks: mqueue_list_lock, then a queue's queue_lock (taken before the list lock is released),
-// then its qfull_lock or qdlet_lock; wait-list links change under task_list_lock. Receivers wait
-// on queue_send with queue_lock; senders wait for space on queue_space with qfull_lock, which
-// they take before releasing queue_lock so that no freed slot goes unnoticed.
+// Locks: mqueue_list_lock (the queues' object table), then a queue's queue_lock (taken before the
+// table lock is released), then its qfull_lock or qdlet_lock; wait-list links change under
+// task_list_lock. Receivers wait on queue_send with queue_lock; senders wait for space on
+// queue_space with qfull_lock, which they take before releasing queue_lock so that no freed slot
+// goes unnoticed. Both directions wait through the layer's wait core (waitq.h).
 //
 // Deletion: the deleting mark (state 0x02) is set under queue_lock and never cleared, so a
 // receiver or sender that reaches the queue during a delete leaves at once with 0x3d0003 and the
 // wait lists drain whatever the callers do; the deleter waits on qdlet_cmplt until both lists
 // are empty. Only the call that set the mark deletes: a second msgQDelete is refused with
 // 0x3d0001 rather than waiting on a condition that the first one is about to destroy.
-#include "vx2bsd/vx2bsd_int.h"
+#include "vx2bsd/objtable.h"
+#include "vx2bsd/waitq.h"
 
 #include <cerrno>
 #include <cstring>
@@ -30,7 +32,7 @@ struct msg_queue {
     kt4::be32 state;     // kStateDeleting, kStateUrgent
     unsigned char *buffer;
     unsigned char *buffer_end; // start of the last slot
-    msg_queue *next;
+    msg_queue *next;           // mqueue_list, creation order
     tcb *receivers;
     tcb *senders;
     kt4::bes32 count;
@@ -38,6 +40,8 @@ struct msg_queue {
     kt4::be32 max_length;
     kt4::be32 slot_size; // max_length + 4
     kt4::be32 q_priority;
+    // Host addition: the link back, so that a delete unlinks in constant time.
+    msg_queue *prev;
 };
 
 namespace {
@@ -46,9 +50,6 @@ constexpr uint32_t kStateUrgent = 0x01;
 constexpr uint32_t kStateDeleting = 0x02;
 constexpr size_t kLengthWord = 4;
 
-pthread_mutex_t mqueue_list_lock = PTHREAD_MUTEX_INITIALIZER;
-msg_queue *mqueue_list = nullptr;
-
 constexpr const char *kQLock = "!pthread_mutex_lock (&(queue->queue_lock))";
 constexpr const char *kQUnlock = "!pthread_mutex_unlock (&(queue->queue_lock))";
 constexpr const char *kFullLock = "!pthread_mutex_lock (&(queue->qfull_lock))";
@@ -56,33 +57,9 @@ constexpr const char *kFullUnlock = "!pthread_mutex_unlock (&(queue->qfull_lock)
 constexpr const char *kDletLock = "!pthread_mutex_lock (&(queue->qdlet_lock))";
 constexpr const char *kDletUnlock = "!pthread_mutex_unlock (&(queue->qdlet_lock))";
 
-void list_lock() {
-    sig_defer();
-    KT4_VERIFY_AS(pthread_mutex_lock(&mqueue_list_lock) == 0,
-                  "!pthread_mutex_lock (&mqueue_list_lock)");
-}
-
-void list_unlock() {
-    KT4_VERIFY_AS(pthread_mutex_unlock(&mqueue_list_lock) == 0,
-                  "!pthread_mutex_unlock (&mqueue_list_lock)");
-    sig_undefer();
-}
-
-bool listed(const msg_queue *q) {
-    for (msg_queue *p = mqueue_list; p != nullptr; p = p->next)
-        if (p == q) return true;
-    return false;
-}
-
-// Finds the queue on mqueue_list and returns with its queue_lock held (lk adopted), or false.
-bool q_validate(msg_queue *q, ObjLock &lk) {
-    if (q == nullptr) return false;
-    list_lock();
-    bool found = listed(q);
-    if (found) lk.lock();
-    list_unlock();
-    return found;
-}
+constinit ObjTable<msg_queue, AddrIndex<msg_queue>> mqueue_list{
+    "!pthread_mutex_lock (&mqueue_list_lock)", "!pthread_mutex_unlock (&mqueue_list_lock)",
+    &msg_queue::queue_lock, kQLock};
 
 unsigned char *next_slot(const msg_queue *q, unsigned char *slot) {
     return slot == q->buffer_end ? q->buffer : slot + q->slot_size.get();
@@ -139,47 +116,53 @@ bool no_room(const msg_queue *q) {
     return count > max || (count == max && (max != 0 || pend_empty(&q->receivers)));
 }
 
-bool my_turn(msg_queue *q, tcb *const *list, tcb *me) {
-    return q->q_priority != 0 || pend_is_first(list, me);
-}
-
-// Membership of a queue's receivers or senders list; leaving lets a deletion finish when the
-// waiter was the last one.
-class QWaiter {
+// A deletion in progress, seen by the queue's waiters: the last one out of either list wakes the
+// deleter.
+class QRelease final : public Release {
   public:
-    QWaiter(msg_queue *q, tcb **list, ObjLock &lk, tcb *me) : q_(q), lk_(lk), me_(me) {
-        pend_append(list, me_);
-    }
-    ~QWaiter() {
-        if (!left_) leave();
-    }
-    QWaiter(const QWaiter &) = delete;
-    QWaiter &operator=(const QWaiter &) = delete;
-    void leave() {
-        left_ = true;
-        if (!lk_.held()) lk_.lock();
-        pend_remove(me_);
-        if ((q_->state & kStateDeleting) && pend_empty(&q_->receivers) &&
-            pend_empty(&q_->senders)) {
-            ObjLock dl(q_->qdlet_lock, kDletLock, kDletUnlock);
-            dl.lock();
-            KT4_VERIFY_AS(pthread_cond_broadcast(&(q_->qdlet_cmplt)) == 0,
-                          "!pthread_cond_broadcast (&(queue->qdlet_cmplt))");
-        }
+    explicit QRelease(msg_queue *q) : q_(q) {}
+    bool releasing() override { return (q_->state & kStateDeleting) != 0; }
+    bool drained() override { return pend_empty(&q_->receivers) && pend_empty(&q_->senders); }
+    Drain drain() override { return qdlet(q_); }
+
+    static Drain qdlet(msg_queue *q) {
+        return Drain{q->qdlet_lock,
+                     q->qdlet_cmplt,
+                     kDletLock,
+                     kDletUnlock,
+                     "!pthread_cond_wait (&(queue->qdlet_cmplt), &(queue->qdlet_lock))",
+                     "!pthread_cond_broadcast (&(queue->qdlet_cmplt))"};
     }
 
   private:
     msg_queue *q_;
-    ObjLock &lk_;
-    tcb *me_;
-    bool left_ = false;
 };
 
-enum class Outcome { Done, TimedOut, Deleted };
+// A sender's wait for space: on queue_space with qfull_lock, taken before queue_lock goes so
+// that a slot freed in between is not missed.
+struct SpaceWait {
+    msg_queue *q;
+    ObjLock &lk;
 
-int fail(Outcome o, int timeout) {
-    errno =
-        o == Outcome::Deleted ? kErrDeleted : (timeout == NO_WAIT ? kErrUnavailable : kErrTimeout);
+    KT4_WAIT_INLINE bool operator()(const timespec *deadline) {
+        bool woken;
+        {
+            ObjLock fl(q->qfull_lock, kFullLock, kFullUnlock);
+            fl.lock();
+            lk.unlock();
+            woken = CondWait{q->queue_space, q->qfull_lock,
+                             "!pthread_cond_wait (&(queue->queue_space), &(queue->qfull_lock))",
+                             "!pthread_cond_timedwait (&(queue->queue_space), "
+                             "&(queue->qfull_lock), &timeout)"}(deadline);
+        }
+        lk.lock();
+        return woken;
+    }
+};
+
+int fail(WaitEnd end, int timeout) {
+    errno = end == WaitEnd::Released ? kErrDeleted
+                                     : (timeout == NO_WAIT ? kErrUnavailable : kErrTimeout);
     return ERROR;
 }
 
@@ -236,25 +219,24 @@ kt4MsgQId msgQCreate(int maxMsgs, int maxMsgLength, int options) {
     KT4_VERIFY(!pthread_cond_init(&(q->qdlet_cmplt), nullptr));
     KT4_VERIFY(!pthread_mutex_init(&(q->qfull_lock), nullptr));
     cond_init_monotonic(&(q->queue_space));
-    list_lock();
-    msg_queue **pp = &mqueue_list;
-    while (*pp != nullptr)
-        pp = &(*pp)->next;
-    *pp = q;
-    list_unlock();
+    mqueue_list.lock();
+    bool added = mqueue_list.index().add(q);
+    mqueue_list.unlock();
+    if (!added) {
+        destroy_queue(q);
+        errno = kErrNoMemory;
+        return nullptr;
+    }
     return q;
 }
 
 STATUS msgQSend(kt4MsgQId q, const char *buffer, unsigned nBytes, int timeout, int priority) {
-    if (q == nullptr) {
+    if (mqueue_list.validate(q) == nullptr) {
         errno = kErrIdError;
         return ERROR;
     }
     ObjLock lk(q->queue_lock, kQLock, kQUnlock);
-    if (!q_validate(q, lk)) {
-        errno = kErrIdError;
-        return ERROR;
-    }
+    lk.adopt();
     if (nBytes > q->max_length) {
         errno = kErrMsgLength;
         return ERROR;
@@ -273,179 +255,103 @@ STATUS msgQSend(kt4MsgQId q, const char *buffer, unsigned nBytes, int timeout, i
         return OK;
     }
     tcb *me = caller_tcb();
-    Outcome outcome = Outcome::TimedOut;
+    WaitEnd end;
     {
-        QWaiter w(q, &q->senders, lk, me);
-        timespec deadline{};
-        if (timeout > 0) deadline = deadline_after(timeout);
-        for (;;) {
-            if (q->state & kStateDeleting) {
-                outcome = Outcome::Deleted;
-                break;
-            }
-            while (!no_room(q) && !(q->state & kStateDeleting)) {
-                if (my_turn(q, &q->senders, me)) {
-                    put(q, buffer, nBytes, priority);
-                    outcome = Outcome::Done;
-                    break;
-                }
-                lk.unlock();
-                turn_retry_sleep();
-                lk.lock();
-            }
-            if (outcome == Outcome::Done) break;
-            if (q->state & kStateDeleting) {
-                outcome = Outcome::Deleted;
-                break;
-            }
-            if (timeout == NO_WAIT) break;
-            int rc = 0;
-            {
-                ObjLock fl(q->qfull_lock, kFullLock, kFullUnlock);
-                fl.lock();
-                lk.unlock();
-                if (timeout < 0) {
-                    KT4_VERIFY_AS(
-                        pthread_cond_wait(&(q->queue_space), &(q->qfull_lock)) == 0,
-                        "!pthread_cond_wait (&(queue->queue_space), &(queue->qfull_lock))");
-                } else {
-                    rc = pthread_cond_timedwait(&(q->queue_space), &(q->qfull_lock), &deadline);
-                    KT4_VERIFY_AS(rc == 0 || rc == ETIMEDOUT,
-                                  "!pthread_cond_timedwait (&(queue->queue_space), "
-                                  "&(queue->qfull_lock), &timeout)");
-                }
-            }
-            lk.lock();
-            if (rc == ETIMEDOUT) break;
-        }
+        QRelease rel(q);
+        Waiter w(&q->senders, me, rel, &lk);
+        end = wait_turn(
+            lk, &q->senders, me, q->q_priority != 0, timeout, [q] { return !no_room(q); },
+            [&] { put(q, buffer, nBytes, priority); }, [&rel] { return rel.releasing(); },
+            SpaceWait{q, lk});
         w.leave();
     }
-    return outcome == Outcome::Done ? OK : fail(outcome, timeout);
+    return end == WaitEnd::Done ? OK : fail(end, timeout);
 }
 
 int msgQReceive(kt4MsgQId q, char *buffer, unsigned maxNBytes, int timeout) {
-    if (q == nullptr) {
+    if (mqueue_list.validate(q) == nullptr) {
         errno = kErrIdError;
         return ERROR;
     }
     ObjLock lk(q->queue_lock, kQLock, kQUnlock);
-    if (!q_validate(q, lk)) {
-        errno = kErrIdError;
-        return ERROR;
-    }
+    lk.adopt();
     // The buffer must hold the largest message the queue accepts, whatever is queued now.
     if (maxNBytes < q->max_length) {
         errno = kErrMsgLength;
         return ERROR;
     }
     tcb *me = caller_tcb();
-    Outcome outcome = Outcome::TimedOut;
+    WaitEnd end;
     int received = 0;
     {
-        QWaiter w(q, &q->receivers, lk, me);
+        QRelease rel(q);
+        Waiter w(&q->receivers, me, rel, &lk);
         if (q->max_msgs == 0 && !pend_empty(&q->senders)) broadcast_space(q);
-        timespec deadline{};
-        if (timeout > 0) deadline = deadline_after(timeout);
-        for (;;) {
-            if (q->state & kStateDeleting) {
-                outcome = Outcome::Deleted;
-                break;
-            }
-            while (q->count > 0 && !(q->state & kStateDeleting)) {
-                if (my_turn(q, &q->receivers, me)) {
-                    received = take(q, buffer);
-                    outcome = Outcome::Done;
-                    break;
-                }
-                lk.unlock();
-                turn_retry_sleep();
-                lk.lock();
-            }
-            if (outcome == Outcome::Done) break;
-            if (q->state & kStateDeleting) {
-                outcome = Outcome::Deleted;
-                break;
-            }
-            if (timeout == NO_WAIT) break;
-            if (timeout < 0) {
-                KT4_VERIFY_AS(pthread_cond_wait(&(q->queue_send), &(q->queue_lock)) == 0,
-                              "!pthread_cond_wait (&(queue->queue_send), &(queue->queue_lock))");
-            } else {
-                int rc = pthread_cond_timedwait(&(q->queue_send), &(q->queue_lock), &deadline);
-                if (rc == ETIMEDOUT) break;
-                KT4_VERIFY_AS(rc == 0, "!pthread_cond_timedwait (&(queue->queue_send), "
-                                       "&(queue->queue_lock), &timeout)");
-            }
-        }
+        end = wait_turn(
+            lk, &q->receivers, me, q->q_priority != 0, timeout, [q] { return q->count > 0; },
+            [&] { received = take(q, buffer); }, [&rel] { return rel.releasing(); },
+            CondWait{q->queue_send, q->queue_lock,
+                     "!pthread_cond_wait (&(queue->queue_send), &(queue->queue_lock))",
+                     "!pthread_cond_timedwait (&(queue->queue_send), &(queue->queue_lock), "
+                     "&timeout)"});
         w.leave();
     }
-    if (outcome == Outcome::Done) return received;
+    if (end == WaitEnd::Done) return received;
     if (buffer != nullptr && maxNBytes > 0) buffer[0] = 0;
-    return fail(outcome, timeout);
+    return fail(end, timeout);
 }
 
 int msgQNumMsgs(kt4MsgQId q) {
-    if (q == nullptr) {
+    if (mqueue_list.validate(q) == nullptr) {
         errno = kErrIdError;
         return ERROR;
     }
     ObjLock lk(q->queue_lock, kQLock, kQUnlock);
-    if (!q_validate(q, lk)) {
-        errno = kErrIdError;
-        return ERROR;
-    }
+    lk.adopt();
     return q->count;
 }
 
 STATUS msgQDelete(kt4MsgQId q) {
-    if (q == nullptr) {
+    if (mqueue_list.validate(q) == nullptr) {
         errno = kErrIdError;
         return ERROR;
     }
     ObjLock lk(q->queue_lock, kQLock, kQUnlock);
-    if (!q_validate(q, lk)) {
-        errno = kErrIdError;
-        return ERROR;
-    }
+    lk.adopt();
     if (q->state & kStateDeleting) { // another delete is under way
         errno = kErrIdError;
         return ERROR;
     }
     q->state = kStateDeleting;
+    QRelease rel(q);
     for (;;) {
-        if (!pend_empty(&q->receivers) || !pend_empty(&q->senders)) {
+        if (!rel.drained()) {
             KT4_VERIFY_AS(pthread_cond_broadcast(&(q->queue_send)) == 0,
                           "!pthread_cond_broadcast (&(queue->queue_send))");
             broadcast_space(q);
-            ObjLock dl(q->qdlet_lock, kDletLock, kDletUnlock);
+            Drain d = rel.drain();
+            ObjLock dl = d.guard();
             dl.lock();
             lk.unlock();
-            while (!pend_empty(&q->receivers) || !pend_empty(&q->senders))
-                KT4_VERIFY_AS(pthread_cond_wait(&(q->qdlet_cmplt), &(q->qdlet_lock)) == 0,
-                              "!pthread_cond_wait (&(queue->qdlet_cmplt), &(queue->qdlet_lock))");
+            d.wait_while([&rel] { return !rel.drained(); });
         } else {
             lk.unlock();
         }
-        // List lock, then the queue lock: with both held and the queue still listed nobody
+        // Table lock, then the queue lock: with both held and the queue still listed nobody
         // holds or waits for the record any more.
-        list_lock();
-        if (!listed(q)) { // a concurrent delete finished first
-            list_unlock();
+        mqueue_list.lock();
+        if (mqueue_list.index().find(q) == nullptr) { // a concurrent delete finished first
+            mqueue_list.unlock();
             errno = kErrIdError;
             return ERROR;
         }
         lk.lock();
-        if (!pend_empty(&q->receivers) || !pend_empty(&q->senders)) {
-            list_unlock();
+        if (!rel.drained()) {
+            mqueue_list.unlock();
             continue;
         }
-        for (msg_queue **pp = &mqueue_list; *pp != nullptr; pp = &(*pp)->next) {
-            if (*pp == q) {
-                *pp = q->next;
-                break;
-            }
-        }
-        list_unlock();
+        mqueue_list.index().remove(q);
+        mqueue_list.unlock();
         lk.unlock();
         destroy_queue(q);
         return OK;

@@ -1,9 +1,10 @@
 // Binary, counting and mutual-exclusion semaphores named by numbers from a 2304-entry table.
 //
-// Locks: sema4_list_lock (the id table), then a semaphore's sema4_lock (taken before the table
-// lock is released), then its smdel_lock; wait-list links change under task_list_lock. Waiters
-// are TCBs on the semaphore's pend list in arrival order; every give is a broadcast and the turn
-// rule decides who takes the token.
+// Locks: sema4_list_lock (the id table, the semaphores' object table), then a semaphore's
+// sema4_lock (taken before the table lock is released), then its smdel_lock; wait-list links
+// change under task_list_lock. Waiters are TCBs on the semaphore's pend list in arrival order;
+// every give is a broadcast and the turn rule decides who takes the token (the layer's wait core,
+// waitq.h).
 //
 // Flush and delete rendezvous. `release` is only written with both sema4_lock and smdel_lock
 // held, so a waiter (under sema4_lock) and a flusher or deleter (under smdel_lock) each read it
@@ -14,7 +15,8 @@
 // arrives during a delete sees it at once and leaves with 0x3d0001, so the pend list drains
 // whatever the callers do, and a second semDelete is refused. Flushers still on their way out of
 // smdel_cplt are counted (rdv_waiters), and the deleter frees the record only once they are out.
-#include "vx2bsd/vx2bsd_int.h"
+#include "vx2bsd/objtable.h"
+#include "vx2bsd/waitq.h"
 
 #include <cerrno>
 #include <climits>
@@ -63,45 +65,60 @@ struct sema4_entry {
     semaphore *sem; // null when free
 };
 
-pthread_mutex_t sema4_list_lock = PTHREAD_MUTEX_INITIALIZER;
-sema4_entry v2pt_sema4_array[V2PT_MAX_SEMID_IDX];
-uint32_t v2pt_cur_arr_index = 0;
-
 constexpr const char *kSemLock =
     "!pthread_mutex_lock (&(v2pt_sema4_array[sema4%V2PT_MAX_SEMID_IDX].sem->sema4_lock))";
 constexpr const char *kSemUnlock = "!pthread_mutex_unlock (&(semaphore->sema4_lock))";
 constexpr const char *kDelLock = "!pthread_mutex_lock (&(semaphore->smdel_lock))";
 constexpr const char *kDelUnlock = "!pthread_mutex_unlock (&(semaphore->smdel_lock))";
 
-void table_lock() {
-    sig_defer();
-    KT4_VERIFY_AS(pthread_mutex_lock(&sema4_list_lock) == 0,
-                  "!pthread_mutex_lock (&sema4_list_lock)");
-}
+// The numbered index: v2pt_sema4_array. An id leads to entry id mod 2304, which must hold a
+// record and the same id; the generation makes the ids of an entry's earlier records stale.
+class SemIndex {
+  public:
+    using Handle = kt4SemId;
 
-void table_unlock() {
-    KT4_VERIFY_AS(pthread_mutex_unlock(&sema4_list_lock) == 0,
-                  "!pthread_mutex_unlock (&sema4_list_lock)");
-    sig_undefer();
-}
-
-semaphore *entry_of(kt4SemId sema4) {
-    sema4_entry &e = v2pt_sema4_array[sema4 % V2PT_MAX_SEMID_IDX];
-    return (e.sem != nullptr && e.id == sema4) ? e.sem : nullptr;
-}
-
-// Finds the semaphore of an id and returns it with sema4_lock taken (before the table lock is
-// released), or null.
-semaphore *sem_validate(kt4SemId sema4) {
-    table_lock();
-    semaphore *s = entry_of(sema4);
-    if (s != nullptr) {
-        sig_defer();
-        KT4_VERIFY_AS(pthread_mutex_lock(&(s->sema4_lock)) == 0, kSemLock);
+    semaphore *find(kt4SemId sema4) const {
+        const sema4_entry &e = v2pt_sema4_array[sema4 % V2PT_MAX_SEMID_IDX];
+        return (e.sem != nullptr && e.id == sema4) ? e.sem : nullptr;
     }
-    table_unlock();
-    return s;
-}
+
+    // Issues an id for s (into s->id) from the first free entry at or after v2pt_cur_arr_index,
+    // wrapping round; false when the table is full.
+    bool add(semaphore *s) {
+        uint32_t start = v2pt_cur_arr_index;
+        uint32_t found = V2PT_MAX_SEMID_IDX;
+        for (uint32_t i = start; i < V2PT_MAX_SEMID_IDX && found == V2PT_MAX_SEMID_IDX; ++i)
+            if (v2pt_sema4_array[i].sem == nullptr) found = i;
+        for (uint32_t i = 0; i < start && found == V2PT_MAX_SEMID_IDX; ++i)
+            if (v2pt_sema4_array[i].sem == nullptr) found = i;
+        if (found == V2PT_MAX_SEMID_IDX) return false;
+        sema4_entry &e = v2pt_sema4_array[found];
+        uint32_t generation = e.generation + 1;
+        if (generation == kGenerationWrap) generation = 0;
+        e.generation = generation;
+        // 32-bit arithmetic on purpose: from generation 1864135 on ids wrap and fail validation.
+        uint32_t id = generation * V2PT_MAX_SEMID_IDX + found;
+        e.id = id;
+        e.sem = s;
+        s->id = id;
+        v2pt_cur_arr_index = (found + 1 == V2PT_MAX_SEMID_IDX) ? 0 : found + 1;
+        return true;
+    }
+
+    void remove(kt4SemId sema4) {
+        sema4_entry &e = v2pt_sema4_array[sema4 % V2PT_MAX_SEMID_IDX];
+        e.sem = nullptr;
+        e.id = 0; // the generation stays, so the old id never validates again
+    }
+
+  private:
+    sema4_entry v2pt_sema4_array[V2PT_MAX_SEMID_IDX] = {};
+    uint32_t v2pt_cur_arr_index = 0;
+};
+
+constinit ObjTable<semaphore, SemIndex> sema4_list{"!pthread_mutex_lock (&sema4_list_lock)",
+                                                   "!pthread_mutex_unlock (&sema4_list_lock)",
+                                                   &semaphore::sema4_lock, kSemLock};
 
 uint32_t type_of(const semaphore *s) {
     return s->type_options & kTypeMask;
@@ -131,29 +148,14 @@ kt4SemId sem_create(uint32_t type_options, int count) {
     s->pend = nullptr;
     s->spare = 0;
 
-    table_lock();
-    uint32_t start = v2pt_cur_arr_index;
-    uint32_t found = V2PT_MAX_SEMID_IDX;
-    for (uint32_t i = start; i < V2PT_MAX_SEMID_IDX && found == V2PT_MAX_SEMID_IDX; ++i)
-        if (v2pt_sema4_array[i].sem == nullptr) found = i;
-    for (uint32_t i = 0; i < start && found == V2PT_MAX_SEMID_IDX; ++i)
-        if (v2pt_sema4_array[i].sem == nullptr) found = i;
-    if (found == V2PT_MAX_SEMID_IDX) {
-        table_unlock();
+    sema4_list.lock();
+    bool added = sema4_list.index().add(s);
+    kt4SemId id = s->id;
+    sema4_list.unlock();
+    if (!added) {
         destroy_sem(s);
         return 0;
     }
-    sema4_entry &e = v2pt_sema4_array[found];
-    uint32_t generation = e.generation + 1;
-    if (generation == kGenerationWrap) generation = 0;
-    e.generation = generation;
-    // 32-bit arithmetic on purpose: from generation 1864135 on ids wrap and fail validation.
-    uint32_t id = generation * V2PT_MAX_SEMID_IDX + found;
-    e.id = id;
-    e.sem = s;
-    s->id = id;
-    v2pt_cur_arr_index = (found + 1 == V2PT_MAX_SEMID_IDX) ? 0 : found + 1;
-    table_unlock();
     return id;
 }
 
@@ -175,43 +177,34 @@ void inherit_priority(tcb *owner, tcb *me) {
     taskUnlock();
 }
 
-// The caller's membership of a semaphore's pend list. Leaving (normally, or when the waiter is
-// cancelled) ends a flush or delete when the waiter was the last one.
-class SemWaiter {
+// A flush or delete in progress, seen by the semaphore's waiters. The last waiter out of a
+// flush ends it (clears the flush mark); a delete's mark stays until the record goes, so that a
+// taker arriving meanwhile is released at once instead of joining a wait that nobody would end.
+class SemRelease final : public Release {
   public:
-    SemWaiter(semaphore *s, ObjLock &lk, tcb *me) : s_(s), lk_(lk), me_(me) {
-        pend_append(&s_->pend, me_);
+    explicit SemRelease(semaphore *s) : s_(s) {}
+    bool releasing() override {
+        seen_ = s_->release;
+        return seen_ != 0;
     }
-    ~SemWaiter() {
-        if (!left_) leave();
-    }
-    SemWaiter(const SemWaiter &) = delete;
-    SemWaiter &operator=(const SemWaiter &) = delete;
-    // Leaves the pend list (object lock held on return); returns the release seen. The last
-    // waiter out of a flush ends it (clears the flush mark); a delete's mark stays until the
-    // record goes, so that a taker arriving meanwhile is released at once instead of joining a
-    // wait that nobody would end.
-    uint32_t leave() {
-        left_ = true;
-        if (!lk_.held()) lk_.lock();
-        pend_remove(me_);
-        uint32_t rel = s_->release;
-        if (rel != 0 && pend_empty(&s_->pend)) {
-            ObjLock del(s_->smdel_lock, kDelLock, kDelUnlock);
-            del.lock();
-            s_->release = rel & ~kReleaseFlush;
-            KT4_VERIFY_AS(pthread_cond_broadcast(&(s_->smdel_cplt)) == 0,
-                          "!pthread_cond_broadcast (&(semaphore->smdel_cplt))");
-            del.unlock();
-        }
-        return rel;
+    bool drained() override { return pend_empty(&s_->pend); }
+    void last_out() override { s_->release = seen_ & ~kReleaseFlush; }
+    Drain drain() override { return smdel(s_); }
+    // The release the waiter saw as it left.
+    uint32_t seen() const { return seen_; }
+
+    static Drain smdel(semaphore *s) {
+        return Drain{s->smdel_lock,
+                     s->smdel_cplt,
+                     kDelLock,
+                     kDelUnlock,
+                     "!pthread_cond_wait (&(semaphore->smdel_cplt), &(semaphore->smdel_lock))",
+                     "!pthread_cond_broadcast (&(semaphore->smdel_cplt))"};
     }
 
   private:
     semaphore *s_;
-    ObjLock &lk_;
-    tcb *me_;
-    bool left_ = false;
+    uint32_t seen_ = 0;
 };
 
 // A flusher's stay on smdel_cplt (constructed and destroyed with smdel_lock held, also when the
@@ -221,9 +214,7 @@ class RdvWaiter {
     explicit RdvWaiter(semaphore *s) : s_(s) { s_->rdv_waiters += 1; }
     ~RdvWaiter() {
         s_->rdv_waiters -= 1;
-        if (s_->rdv_waiters == 0)
-            KT4_VERIFY_AS(pthread_cond_broadcast(&(s_->smdel_cplt)) == 0,
-                          "!pthread_cond_broadcast (&(semaphore->smdel_cplt))");
+        if (s_->rdv_waiters == 0) SemRelease::smdel(s_).broadcast();
     }
     RdvWaiter(const RdvWaiter &) = delete;
     RdvWaiter &operator=(const RdvWaiter &) = delete;
@@ -232,92 +223,49 @@ class RdvWaiter {
     semaphore *s_;
 };
 
-void wait_smdel(semaphore *s) {
-    KT4_VERIFY_AS(pthread_cond_wait(&(s->smdel_cplt), &(s->smdel_lock)) == 0,
-                  "!pthread_cond_wait (&(semaphore->smdel_cplt), &(semaphore->smdel_lock))");
-}
-
-enum class Outcome { Taken, TimedOut, Released };
-
-bool my_turn(semaphore *s, tcb *me) {
-    // With priority queuing the highest-priority waiter would be looked up, but every waiter is
-    // admitted: code written for this layer expects that.
-    if (s->type_options & kOptPriority) return true;
-    return pend_is_first(&s->pend, me);
-}
-
-STATUS wait_token(semaphore *s, ObjLock &lk, tcb *me, int timeout) {
-    Outcome outcome;
-    uint32_t rel;
-    {
-        SemWaiter w(s, lk, me);
-        if (timeout != NO_WAIT && type_of(s) == kTypeMutex &&
-            (s->type_options & kOptInversionSafe) && s->owner != nullptr)
-            inherit_priority(s->owner, me);
-        timespec deadline{};
-        if (timeout > 0) deadline = deadline_after(timeout);
-        for (;;) {
-            if (s->release != 0) {
-                outcome = Outcome::Released;
-                break;
-            }
-            bool took = false;
-            while (s->count > 0 && s->release == 0) {
-                if (my_turn(s, me)) {
-                    s->count -= 1;
-                    took = true;
-                    break;
-                }
-                lk.unlock();
-                turn_retry_sleep();
-                lk.lock();
-            }
-            if (took) {
-                outcome = Outcome::Taken;
-                break;
-            }
-            if (s->release != 0) {
-                outcome = Outcome::Released;
-                break;
-            }
-            if (timeout == NO_WAIT) {
-                outcome = Outcome::TimedOut;
-                break;
-            }
-            if (timeout < 0) {
-                KT4_VERIFY_AS(
-                    pthread_cond_wait(&(s->sema4_send), &(s->sema4_lock)) == 0,
-                    "!pthread_cond_wait (&(semaphore->sema4_send), &(semaphore->sema4_lock))");
-            } else {
-                int rc = pthread_cond_timedwait(&(s->sema4_send), &(s->sema4_lock), &deadline);
-                if (rc == ETIMEDOUT) {
-                    outcome = Outcome::TimedOut;
-                    break;
-                }
-                KT4_VERIFY_AS(rc == 0, "!pthread_cond_timedwait (&(semaphore->sema4_send), "
-                                       "&(semaphore->sema4_lock), &timeout)");
-            }
-        }
-        rel = w.leave();
-    }
-    switch (outcome) {
-    case Outcome::Released:
-        if (rel & kReleaseDelete) {
-            errno = kErrIdError;
-            return ERROR;
-        }
-        return OK;
-    case Outcome::TimedOut:
-        errno = timeout == NO_WAIT ? kErrUnavailable : kErrTimeout;
-        return ERROR;
-    case Outcome::Taken:
-        break;
-    }
+// The token is the caller's: it becomes the owner, and of a mutual-exclusion semaphore takes the
+// first level of recursion (and, delete-safe, becomes safe from deletion).
+void took(semaphore *s, tcb *me) {
     s->owner = me;
     if (type_of(s) == kTypeMutex) {
         s->recursion += 1;
         if (s->type_options & kOptDeleteSafe) taskSafe();
     }
+}
+
+STATUS wait_token(semaphore *s, ObjLock &lk, tcb *me, int timeout) {
+    WaitEnd end;
+    uint32_t rel;
+    {
+        SemRelease release(s);
+        Waiter w(&s->pend, me, release, &lk);
+        if (timeout != NO_WAIT && type_of(s) == kTypeMutex &&
+            (s->type_options & kOptInversionSafe) && s->owner != nullptr)
+            inherit_priority(s->owner, me);
+        end = wait_turn(
+            lk, &s->pend, me, (s->type_options & kOptPriority) != 0, timeout,
+            [s] { return s->count > 0; }, [s] { s->count -= 1; }, [s] { return s->release != 0; },
+            CondWait{s->sema4_send, s->sema4_lock,
+                     "!pthread_cond_wait (&(semaphore->sema4_send), &(semaphore->sema4_lock))",
+                     "!pthread_cond_timedwait (&(semaphore->sema4_send), "
+                     "&(semaphore->sema4_lock), &timeout)"});
+        w.leave();
+        rel = release.seen();
+    }
+    switch (end) {
+    case WaitEnd::Released:
+        if (rel & kReleaseDelete) {
+            errno = kErrIdError;
+            return ERROR;
+        }
+        return OK;
+    case WaitEnd::TimedOut:
+        errno = timeout == NO_WAIT ? kErrUnavailable : kErrTimeout;
+        return ERROR;
+    case WaitEnd::Done:
+        break;
+    }
+    took(s, me);
     return OK;
 }
 
@@ -339,7 +287,7 @@ kt4SemId semMCreate(int options) {
 }
 
 STATUS semTake(kt4SemId semId, int timeout) {
-    semaphore *s = sem_validate(semId);
+    semaphore *s = sema4_list.validate(semId);
     if (s == nullptr) {
         errno = kErrIdError;
         return ERROR;
@@ -355,18 +303,14 @@ STATUS semTake(kt4SemId semId, int timeout) {
     // take the token at once, so take it directly.
     if (s->count > 0 && s->release == 0 && pend_empty(&s->pend)) {
         s->count -= 1;
-        s->owner = me;
-        if (type_of(s) == kTypeMutex) {
-            s->recursion += 1;
-            if (s->type_options & kOptDeleteSafe) taskSafe();
-        }
+        took(s, me);
         return OK;
     }
     return wait_token(s, lk, me, timeout);
 }
 
 STATUS semGive(kt4SemId semId) {
-    semaphore *s = sem_validate(semId);
+    semaphore *s = sema4_list.validate(semId);
     if (s == nullptr) {
         errno = kErrIdError;
         return ERROR;
@@ -413,7 +357,7 @@ STATUS semGive(kt4SemId semId) {
 }
 
 STATUS semFlush(kt4SemId semId) {
-    semaphore *s = sem_validate(semId);
+    semaphore *s = sema4_list.validate(semId);
     if (s == nullptr) {
         errno = kErrIdError;
         return ERROR;
@@ -426,7 +370,8 @@ STATUS semFlush(kt4SemId semId) {
     }
     taskLock();
     if (!pend_empty(&s->pend)) {
-        ObjLock del(s->smdel_lock, kDelLock, kDelUnlock);
+        Drain d = SemRelease::smdel(s);
+        ObjLock del = d.guard();
         del.lock();
         s->release |= kReleaseFlush;
         KT4_VERIFY_AS(pthread_cond_broadcast(&(s->sema4_send)) == 0,
@@ -435,15 +380,14 @@ STATUS semFlush(kt4SemId semId) {
         // Until the last of the waiters released ends the round: takers arriving after it are
         // not part of this flush.
         RdvWaiter rdv(s);
-        while (s->release & kReleaseFlush)
-            wait_smdel(s);
+        d.wait_while([s] { return (s->release & kReleaseFlush) != 0; });
     }
     taskUnlock();
     return OK;
 }
 
 STATUS semDelete(kt4SemId semId) {
-    semaphore *s = sem_validate(semId);
+    semaphore *s = sema4_list.validate(semId);
     if (s == nullptr) {
         errno = kErrIdError;
         return ERROR;
@@ -457,7 +401,8 @@ STATUS semDelete(kt4SemId semId) {
             return ERROR;
         }
         if (!pend_empty(&s->pend)) {
-            ObjLock del(s->smdel_lock, kDelLock, kDelUnlock);
+            Drain d = SemRelease::smdel(s);
+            ObjLock del = d.guard();
             del.lock();
             s->release |= kReleaseDelete;
             marked = true;
@@ -465,35 +410,32 @@ STATUS semDelete(kt4SemId semId) {
                           "!pthread_cond_broadcast (&(semaphore->sema4_send))");
             lk.unlock();
             // The mark stays set, so every taker leaves at once and the list drains.
-            while (!pend_empty(&s->pend))
-                wait_smdel(s);
+            d.wait_while([s] { return !pend_empty(&s->pend); });
         } else {
             lk.unlock();
         }
         // Table lock first, then the object lock: once both are held with the entry still ours,
         // no new caller can reach the record.
-        table_lock();
-        if (entry_of(semId) != s) { // a concurrent delete finished first
-            table_unlock();
+        sema4_list.lock();
+        if (sema4_list.index().find(semId) != s) { // a concurrent delete finished first
+            sema4_list.unlock();
             errno = kErrIdError;
             return ERROR;
         }
         lk.lock();
         if (!pend_empty(&s->pend) || (!marked && (s->release & kReleaseDelete))) {
-            table_unlock(); // waiters to release, or another deleter's mark (refused above)
+            sema4_list.unlock(); // waiters to release, or another deleter's mark (refused above)
             continue;
         }
         {
             // Flushers whose round has ended may still be waking on smdel_cplt.
-            ObjLock del(s->smdel_lock, kDelLock, kDelUnlock);
+            Drain d = SemRelease::smdel(s);
+            ObjLock del = d.guard();
             del.lock();
-            while (s->rdv_waiters != 0)
-                wait_smdel(s);
+            d.wait_while([s] { return s->rdv_waiters != 0; });
         }
-        sema4_entry &e = v2pt_sema4_array[semId % V2PT_MAX_SEMID_IDX];
-        e.sem = nullptr;
-        e.id = 0; // the generation stays, so the old id never validates again
-        table_unlock();
+        sema4_list.index().remove(semId);
+        sema4_list.unlock();
         lk.unlock();
         destroy_sem(s);
         return OK;

@@ -1,21 +1,30 @@
 // Internals shared by the files of the tasking layer: the task control block, the wait lists
 // made of TCBs, the task allocator, the host adaptation (priorities, one-thread suspension) and
-// the small lock helpers.
+// the small lock helpers. The wait core is in waitq.h, the object tables and the countdown pass
+// in objtable.h.
+//
+// Files: task_life (creation, deletion, restart, suspension, delays), task_wait (wait lists and
+// the deletion rendezvous), task_rr (priorities, taskLock, round robin), task_query, task_hooks,
+// task_alloc; sem, msgq, wdog, vtimer; host (the host adaptation).
 //
 // Lock order of the whole layer (a lock is only ever taken while holding locks listed above it):
 //
 //   task_spawn_lock
-//   tcb->dbcst_lock                      (a task's deletion broadcast)
-//   tcb->tdelete_lock                    (a task's safe count)
-//   sema4_list_lock, mqueue_list_lock, wdog_list_lock, timer_list_lock   (tables and lists)
+//   sema4_list_lock, mqueue_list_lock, wdog_list_lock, timer_list_lock   (object tables)
 //   semaphore->sema4_lock, queue->queue_lock, wdog_lock, timer_lock      (one object)
-//   semaphore->smdel_lock, queue->qfull_lock, queue->qdlet_lock          (end of flush/delete,
-//   space) task_list_lock                       (task list, every status and wait-list link)
-//   malloc_lock, free_lock, suspend_lock (leaves)
+//   semaphore->smdel_lock, queue->qfull_lock, queue->qdlet_lock          (end of a flush or a
+//                                                                         delete; room to send)
+//   tcb->dbcst_lock                       (a task's deletion broadcast)
+//   tcb->tdelete_lock                     (a task's safe count; a delete-safe semTake takes it
+//                                          under sema4_lock)
+//   task_list_lock                        (task list, every status and wait-list link)
+//   malloc_lock, free_lock, suspend_lock  (leaves)
 //
 // No lock of the layer is held across a call of user code (entry routines, delete hooks,
 // watchdog routines) except the recursive timer_list_lock, which timer handlers run under by
-// design. task_list_lock is never held across a blocking wait.
+// design: tTimerTask takes it first and a handler may call anything of the layer, so no other
+// thread may wait, holding a lock, for a timer call to return. task_list_lock is never held
+// across a blocking wait.
 //
 // Cancellation: taskDelete of another task cancels its thread. Cancellation on this host is a
 // forced unwind that runs C++ destructors, so every lock and every wait-list membership held
@@ -229,8 +238,12 @@ constexpr long kUsecPerTick = 20000;
 
 // Absolute monotonic deadline timeout ticks from now (20 ms per tick, carried into seconds).
 timespec deadline_after(int ticks);
-// The turn retry: a waiter that sees a token but whose turn it is not sleeps this long.
-void turn_retry_sleep();
+// The turn retry: a waiter that sees a token but whose turn it is not sleeps this long. Inlined
+// into the wait loops: a waiter cancelled in the sleep unwinds through no frame of its own.
+__attribute__((always_inline)) inline void turn_retry_sleep() {
+    timespec ts{0, 100000};
+    nanosleep(&ts, nullptr);
+}
 // Initialises a condition whose timed waits use the monotonic clock.
 void cond_init_monotonic(pthread_cond_t *c);
 

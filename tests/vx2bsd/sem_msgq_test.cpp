@@ -1,6 +1,7 @@
-// Semaphores and message queues: time-outs and no-wait codes, the turn rule's order, flush and
-// delete releasing every waiter before they return (also while takers keep arriving, and with
-// two deletes at once), stale ids, urgent messages and the capacity-0 hand-over.
+// Semaphores and message queues: time-outs and no-wait codes, the turn rule's order (first come
+// first served against priority queuing, a timed-out waiter's turn), flush and delete releasing
+// every waiter before they return (also while takers keep arriving, and with two deletes at
+// once), stale ids, urgent messages and the capacity-0 hand-over.
 #include "vx2bsd/vx_test.h"
 
 #include <kt4/hostsim.h>
@@ -165,6 +166,32 @@ TEST_F(Semaphores, FifoWaitersTakeTokensInArrivalOrder) {
                                         "tW2 takes", "tW3 takes"}),
               steps.get());
     EXPECT_TRUE(eventually([&] { return gone(ids[0]) && gone(ids[1]) && gone(ids[2]); }));
+    semDelete(s);
+}
+
+TEST_F(Semaphores, AWaiterThatTimesOutGivesUpItsTurn) {
+    // First come, first served: the first waiter leaves at its time-out, and the token given
+    // afterwards goes to the one behind it (which would otherwise re-look for ever).
+    Steps steps;
+    kt4SemId s = semBCreate(KT4_SEM_Q_FIFO, KT4_SEM_EMPTY);
+    int a = spawn("tA", 100, [&] {
+        steps.add("tA waits");
+        STATUS rc = semTake(s, 10);
+        steps.add(rc == ERROR && errno == KT4_E_OBJ_TIMEOUT ? "tA timed out" : "tA took");
+    });
+    ASSERT_TRUE(eventually([&] { return pended(a); }));
+    int b = spawn("tB", 100, [&] {
+        steps.add("tB waits");
+        STATUS rc = semTake(s, WAIT_FOREVER);
+        steps.add(rc == OK ? "tB took" : "tB failed");
+    });
+    ASSERT_TRUE(eventually([&] { return pended(b); }));
+    ASSERT_TRUE(steps.wait_size(3));
+    EXPECT_EQ(OK, semGive(s));
+    ASSERT_TRUE(steps.wait_size(4));
+    EXPECT_EQ((std::vector<std::string>{"tA waits", "tB waits", "tA timed out", "tB took"}),
+              steps.get());
+    EXPECT_TRUE(eventually([&] { return gone(a) && gone(b); }));
     semDelete(s);
 }
 
@@ -461,6 +488,66 @@ TEST_F(Queues, SendersWaitForSpaceInArrivalOrder) {
         got.push_back(recv_str(q, 100));
     EXPECT_EQ((std::vector<std::string>{"m0", "m1", "m2", "m3"}), got);
     EXPECT_TRUE(eventually([&] { return task_count() == kServiceTasks; }));
+    EXPECT_EQ(OK, msgQDelete(q));
+}
+
+// Receivers of different priorities wait (the least urgent first); three messages arrive at
+// once. First come, first served hands them out in arrival order whatever the priorities; with
+// priority queuing every waiter may take, so each gets one, in no fixed order.
+std::vector<std::string> receive_burst(int options) {
+    kt4MsgQId q = msgQCreate(3, 16, options);
+    Steps steps;
+    std::vector<int> ids;
+    for (auto [name, pri] : {std::pair{"tR1", 120}, std::pair{"tR2", 100}, std::pair{"tR3", 80}}) {
+        std::string who = name;
+        int id = spawn(name, pri, [&steps, q, who] { steps.add(who + " " + recv_str(q, 500)); });
+        EXPECT_TRUE(eventually([&] { return pended(id); }));
+        ids.push_back(id);
+    }
+    for (const char *m : {"m1", "m2", "m3"})
+        EXPECT_EQ(OK, send_str(q, m));
+    EXPECT_TRUE(steps.wait_size(3));
+    EXPECT_TRUE(eventually([&] { return gone(ids[0]) && gone(ids[1]) && gone(ids[2]); }));
+    EXPECT_EQ(OK, msgQDelete(q));
+    auto got = steps.get();
+    std::sort(got.begin(), got.end());
+    return got;
+}
+
+TEST_F(Queues, ReceiversTakeTheirTurnFifoOrAnyWithPriorityQueuing) {
+    EXPECT_EQ((std::vector<std::string>{"tR1 m1", "tR2 m2", "tR3 m3"}),
+              receive_burst(KT4_MSGQ_FIFO));
+    auto any = receive_burst(KT4_MSGQ_PRIORITY);
+    ASSERT_EQ(3u, any.size());
+    std::vector<std::string> msgs;
+    for (size_t i = 0; i < any.size(); ++i) {
+        EXPECT_EQ("tR" + std::to_string(i + 1), any[i].substr(0, 3));
+        msgs.push_back(any[i].substr(4));
+    }
+    std::sort(msgs.begin(), msgs.end());
+    EXPECT_EQ((std::vector<std::string>{"m1", "m2", "m3"}), msgs);
+}
+
+TEST_F(Queues, AnUrgentSendThatWaitedForSpaceStillGoesInFront) {
+    kt4MsgQId q = msgQCreate(2, 16, KT4_MSGQ_FIFO);
+    ASSERT_EQ(OK, send_str(q, "n1"));
+    ASSERT_EQ(OK, send_str(q, "n2"));
+    Steps steps;
+    int s = spawn("tUrgent", 100, [&] {
+        steps.add("sending u");
+        STATUS rc = send_str(q, "u", WAIT_FOREVER, KT4_MSG_PRI_URGENT);
+        steps.add(rc == OK ? "sent u" : "send failed");
+    });
+    ASSERT_TRUE(eventually([&] { return pended(s); }));
+    std::string first = recv_str(q); // makes room: the waiting send goes in
+    ASSERT_TRUE(steps.wait_size(2));
+    steps.add("received " + first);
+    steps.add("received " + recv_str(q));
+    steps.add("received " + recv_str(q));
+    EXPECT_EQ((std::vector<std::string>{"sending u", "sent u", "received n1", "received u",
+                                        "received n2"}),
+              steps.get());
+    EXPECT_TRUE(eventually([&] { return gone(s); }));
     EXPECT_EQ(OK, msgQDelete(q));
 }
 

@@ -1,8 +1,8 @@
-// Tasks: one POSIX thread plus a task control block on the process-wide task_list.
+// Task lifecycle: creation (taskInit, taskActivate, taskSpawn), the task thread and its end,
+// deletion and restart, suspension, delays, and the calling thread's TCB.
 //
-// This file owns task_list_lock, task_spawn_lock, the task allocator's malloc_lock/free_lock
-// and the per-TCB tdelete_lock/dbcst_lock; the order in which the layer takes its locks is
-// written once in vx2bsd_int.h.
+// This file owns task_list (with task_list_lock) and task_spawn_lock; the order in which the
+// layer takes its locks is written once in vx2bsd_int.h.
 //
 // "Under taskLock" keeps its kernel meaning: the caller's thread is raised to the top priority
 // for the duration, so no other task of the process preempts it. On a multiprocessor host that
@@ -11,13 +11,11 @@
 // Lifetime: a TCB may be freed by a deletion in another thread. Calls that use a TCB without
 // holding task_list_lock pin it first; deletion and restart wait for the pins to go before they
 // end the thread or free the record.
-#include "vx2bsd/vx2bsd_int.h"
+#include "vx2bsd/task_int.h"
 
-#include <kt4/log.h>
 #include <kt4/timer.h>
 
 #include <cerrno>
-#include <climits>
 #include <cstdio>
 #include <cstring>
 
@@ -25,25 +23,17 @@ namespace kt4::vx {
 
 pthread_mutex_t task_list_lock = PTHREAD_MUTEX_INITIALIZER;
 pthread_cond_t task_gone = PTHREAD_COND_INITIALIZER;
+tcb *task_list = nullptr; // under task_list_lock
 
 namespace {
 
 pthread_mutex_t task_spawn_lock = PTHREAD_MUTEX_INITIALIZER;
-pthread_mutex_t malloc_lock = PTHREAD_MUTEX_INITIALIZER;
-pthread_mutex_t free_lock = PTHREAD_MUTEX_INITIALIZER;
 
 pthread_key_t vx2bsdKey;
 pthread_once_t key_once = PTHREAD_ONCE_INIT;
 int key_result = 0;
 
-tcb *task_list = nullptr;            // under task_list_lock
-int round_robin_enabled = 0;         // under task_list_lock (atomic reads)
 unsigned long taskReactivations = 0; // under task_list_lock
-
-constexpr int kHookSlots = 64;
-kt4TaskDeleteHook taskDeleteTable[kHookSlots]; // under task_list_lock
-int taskDeleteNumHooks = 0;
-bool taskDeleteHookinited = false;
 
 constexpr int kSpawnIdLimit = 65536;
 
@@ -70,21 +60,6 @@ void make_key() {
 
 void ensure_key() {
     pthread_once(&key_once, make_key);
-}
-
-int posix_priority_of(int priority) {
-    int p = 254 - priority;
-    if (p < 0) p = 0;
-    if (p > 254) p = 254;
-    return p;
-}
-
-int current_policy_locked() {
-    return round_robin_enabled ? SCHED_RR : SCHED_FIFO;
-}
-
-bool priority_legal(int priority) {
-    return priority >= 0 && priority <= 255;
 }
 
 // Caller holds task_list_lock.
@@ -225,26 +200,6 @@ void *task_wrapper(void *arg) {
     return nullptr;
 }
 
-// Broadcast to the task's deleters that it may now be deleted, then wait until every one has
-// taken note (left the deleters list).
-// A task waking its own deleters (taskUnsafe) names the lock as its own in the abort text.
-void notify_task_delete(tcb *t, bool self = false) {
-    ObjLock db(t->dbcst_lock,
-               self ? "!pthread_mutex_lock (&(current_tcb->dbcst_lock))"
-                    : "!pthread_mutex_lock (&(tcb->dbcst_lock))",
-               self ? "!pthread_mutex_unlock (&(current_tcb->dbcst_lock))"
-                    : "!pthread_mutex_unlock (&(tcb->dbcst_lock))");
-    db.lock();
-    {
-        ObjLock td(t->tdelete_lock, "!pthread_mutex_lock (&(tcb->tdelete_lock))",
-                   "!pthread_mutex_unlock (&(tcb->tdelete_lock))");
-        td.lock();
-        KT4_VERIFY(!pthread_cond_broadcast(&(t->t_deletable)));
-    }
-    while (!pend_empty(&t->deleters))
-        KT4_VERIFY(!pthread_cond_wait(&(t->delete_bcplt), &(t->dbcst_lock)));
-}
-
 // Waits until a deletion or restart begun by someone else is over. Returns true when the task
 // is gone.
 bool wait_other_deletion(ListLock &ll, tcb *t) {
@@ -299,51 +254,7 @@ STATUS force_delete(ListLock &ll, tcb *t) {
     return OK;
 }
 
-tcb *lookup_self_or(int tid) {
-    return tid == 0 ? my_tcb() : tcb_for(tid);
-}
-
-// A deleter waiting on a safe task, on that task's deleters list. Leaving (normally or when the
-// deleter is itself cancelled) broadcasts the end of the rendezvous when it was the last.
-class DeleterWait {
-  public:
-    DeleterWait(tcb *target, tcb *me) : target_(target), me_(me) {
-        pend_append(&target_->deleters, me_);
-    }
-    ~DeleterWait() {
-        if (!left_) leave();
-    }
-    DeleterWait(const DeleterWait &) = delete;
-    DeleterWait &operator=(const DeleterWait &) = delete;
-    // Returns true when this was the last deleter.
-    bool leave() {
-        left_ = true;
-        pend_remove(me_);
-        if (!pend_empty(&target_->deleters)) return false;
-        ObjLock db(target_->dbcst_lock, "!pthread_mutex_lock (&(tcb->dbcst_lock))",
-                   "!pthread_mutex_unlock (&(tcb->dbcst_lock))");
-        db.lock();
-        KT4_VERIFY(!pthread_cond_broadcast(&(target_->delete_bcplt)));
-        return true;
-    }
-
-  private:
-    tcb *target_;
-    tcb *me_;
-    bool left_ = false;
-};
-
-// taskLock/taskUnlock as a scope.
-struct LockScope {
-    LockScope() { taskLock(); }
-    ~LockScope() { taskUnlock(); }
-    LockScope(const LockScope &) = delete;
-    LockScope &operator=(const LockScope &) = delete;
-};
-
 } // namespace
-
-// ---- shared with the other files of the layer ----
 
 tcb *my_tcb() {
     ensure_key();
@@ -355,18 +266,6 @@ tcb *caller_tcb() {
     return t != nullptr ? t : &shadow_tcb.t;
 }
 
-bool tcb_listed(const tcb *t) {
-    for (tcb *p = task_list; p != nullptr; p = p->next)
-        if (p == t) return true;
-    return false;
-}
-
-tcb *tcb_for(int id) {
-    for (tcb *p = task_list; p != nullptr; p = p->next)
-        if (p->id == id) return p;
-    return nullptr;
-}
-
 void pin_locked(tcb *t) {
     t->refs = t->refs + 1;
 }
@@ -375,90 +274,6 @@ void unpin(tcb *t) {
     ListLock ll;
     t->refs = t->refs - 1;
     if (t->refs == 0) KT4_VERIFY(!pthread_cond_broadcast(&task_gone));
-}
-
-void pend_append(tcb **head, tcb *t) {
-    ListLock ll;
-    tcb **pp = head;
-    while (*pp != nullptr)
-        pp = &(*pp)->pend_next;
-    *pp = t;
-    t->pend_next = nullptr;
-    t->pend_list = head;
-    t->status |= kStPended;
-}
-
-void pend_remove(tcb *t) {
-    ListLock ll;
-    if (t->pend_list == nullptr) return;
-    for (tcb **pp = t->pend_list; *pp != nullptr; pp = &(*pp)->pend_next) {
-        if (*pp == t) {
-            *pp = t->pend_next;
-            break;
-        }
-    }
-    t->pend_next = nullptr;
-    t->pend_list = nullptr;
-    t->status = 0;
-}
-
-bool pend_empty(tcb *const *head) {
-    ListLock ll;
-    return *head == nullptr;
-}
-
-bool pend_is_first(tcb *const *head, const tcb *t) {
-    ListLock ll;
-    return *head == t;
-}
-
-void *ts_malloc_at(const char *file, int line, size_t size) {
-    KT4_VERIFY_AS(pthread_mutex_lock(&malloc_lock) == 0, "!pthread_mutex_lock (&malloc_lock)");
-    void *p = kt4MC_malloc(file, line, size);
-    KT4_VERIFY_AS(pthread_mutex_unlock(&malloc_lock) == 0, "!pthread_mutex_unlock (&malloc_lock)");
-    return p;
-}
-
-void ts_free_at(const char *file, int line, void *p) {
-    if (p == nullptr) return;
-    KT4_VERIFY_AS(pthread_mutex_lock(&free_lock) == 0, "!pthread_mutex_lock (&free_lock)");
-    kt4MC_free(file, line, p);
-    KT4_VERIFY_AS(pthread_mutex_unlock(&free_lock) == 0, "!pthread_mutex_unlock (&free_lock)");
-}
-
-namespace {
-
-// Delete hooks: 64 slots, at most 63 hooks, the last slot a null terminator.
-void taskDeleteHookInit() {
-    if (taskDeleteHookinited) return;
-    for (auto &h : taskDeleteTable)
-        h = nullptr;
-    taskDeleteNumHooks = 0;
-    taskDeleteHookinited = true;
-}
-
-} // namespace
-
-void taskDeleteHookRun(tcb *t, const char *name) {
-    kt4TaskDeleteHook copy[kHookSlots];
-    int n;
-    {
-        LockScope boost;
-        ListLock ll;
-        if (!taskDeleteHookinited) return;
-        n = taskDeleteNumHooks;
-        for (int i = 0; i < n; ++i)
-            copy[i] = taskDeleteTable[i];
-    }
-    for (int i = 0; i < n; ++i)
-        if (copy[i] != nullptr) copy[i](reinterpret_cast<kt4Tcb *>(t), name);
-}
-
-// Service-task priorities bypass the mapping's clamp.
-void set_posix_priority(tcb *t, int prio255, const char *attr_text) {
-    ListLock ll;
-    t->prv_priority.sched_priority = prio255;
-    KT4_VERIFY_AS(attr_apply(&t->attr, current_policy_locked(), prio255) == 0, attr_text);
 }
 
 namespace {
@@ -681,20 +496,7 @@ STATUS taskDelete(int tid) {
         errno = kErrUnavailable;
         return ERROR;
     }
-    bool last;
-    {
-        DeleterWait dw(t, caller_tcb());
-        {
-            ObjLock td(t->tdelete_lock, "!pthread_mutex_lock (&(current_tcb->tdelete_lock))",
-                       "!pthread_mutex_unlock (&(current_tcb->tdelete_lock))");
-            td.lock();
-            taskUnlock();
-            while (t->safe_count > 0 && dying_of(t) != kDyingDelete)
-                KT4_VERIFY(!pthread_cond_wait(&(t->t_deletable), &(t->tdelete_lock)));
-        }
-        taskLock();
-        last = dw.leave();
-    }
+    bool last = wait_deletable(t);
     pin.release();
     if (!last) return OK;
     ll.lock();
@@ -844,251 +646,6 @@ STATUS taskDelay(int ticks) {
         me->status = 0;
     }
     return OK;
-}
-
-STATUS taskLock(void) {
-    tcb *me = my_tcb();
-    ListLock ll;
-    if (me != nullptr) {
-        me->lock_count += 1;
-        if (me->lock_count == 1)
-            KT4_VERIFY_AS(pthread_tmp_priority_change(pthread_self(), kMaxPriority) == 0,
-                          "!pthread_tmp_priority_change (tcb->pthrid, max_priority)");
-    }
-    return OK;
-}
-
-STATUS taskUnlock(void) {
-    tcb *me = my_tcb();
-    ListLock ll;
-    if (me != nullptr) {
-        uint32_t old = me->lock_count;
-        if (old > 0) {
-            me->lock_count = old - 1;
-            if (old != 1) return OK;
-        }
-        KT4_VERIFY_AS(
-            pthread_tmp_priority_change(pthread_self(), me->prv_priority.sched_priority) == 0,
-            "!pthread_tmp_priority_change(tcb->pthrid, tcb->prv_priority.sched_priority)");
-    }
-    return OK;
-}
-
-STATUS taskSafe(void) {
-    tcb *me = my_tcb();
-    if (me == nullptr) return OK;
-    LockScope boost;
-    ObjLock td(me->tdelete_lock, "!pthread_mutex_lock (&(current_tcb->tdelete_lock))",
-               "!pthread_mutex_unlock (&(current_tcb->tdelete_lock))");
-    td.lock();
-    if (me->safe_count < INT_MAX) me->safe_count += 1;
-    return OK;
-}
-
-STATUS taskUnsafe(void) {
-    tcb *me = my_tcb();
-    if (me == nullptr) return OK;
-    LockScope boost;
-    bool wake = false;
-    {
-        ObjLock td(me->tdelete_lock, "!pthread_mutex_lock (&(current_tcb->tdelete_lock))",
-                   "!pthread_mutex_unlock (&(current_tcb->tdelete_lock))");
-        td.lock();
-        if (me->safe_count >= 1) {
-            me->safe_count -= 1;
-            wake = me->safe_count == 0 && !pend_empty(&me->deleters);
-        }
-    }
-    if (wake) notify_task_delete(me, true);
-    return OK;
-}
-
-STATUS taskPrioritySet(int tid, int priority) {
-    LockScope boost;
-    ListLock ll;
-    tcb *t = lookup_self_or(tid);
-    if (t == nullptr) {
-        errno = kErrIdError;
-        return ERROR;
-    }
-    t->priority = priority;
-    t->prv_priority.sched_priority = posix_priority_of(priority);
-    if (tid != 0 && t != my_tcb()) {
-        int sched_policy = SCHED_OTHER;
-        KT4_VERIFY(!pthread_attr_getschedpolicy(&(t->attr), &sched_policy));
-        KT4_VERIFY_AS(attr_apply(&(t->attr), sched_policy, t->prv_priority.sched_priority) == 0,
-                      "!pthread_attr_setschedparam (&(tcb->attr), &(tcb->prv_priority))");
-        if (t->pthrid != 0 && rt_enabled()) {
-            int cur_sched_policy;
-            sched_param cur_param;
-            KT4_VERIFY_AS(pthread_getschedparam(t->pthrid, &cur_sched_policy, &cur_param) == 0,
-                          "!pthread_getschedparam (tcb->pthrid, &cur_sched_policy, &cur_param)");
-            if (sched_policy == SCHED_FIFO || sched_policy == SCHED_RR)
-                KT4_VERIFY_AS(
-                    thread_set_sched(t->pthrid, sched_policy, t->prv_priority.sched_priority) == 0,
-                    "!pthread_setschedparam (tcb->pthrid, sched_policy, &cur_param)");
-        }
-    }
-    if (!priority_legal(priority)) {
-        errno = kErrIllegalPriority;
-        return ERROR;
-    }
-    return OK;
-}
-
-STATUS taskPriorityGet(int tid, int *priority) {
-    LockScope boost;
-    ListLock ll;
-    tcb *t = tcb_for(tid); // id 0 is not the caller here
-    if (t == nullptr) {
-        errno = kErrIdError;
-        return ERROR;
-    }
-    if (priority != nullptr) *priority = t->priority;
-    return OK;
-}
-
-char *taskName(int tid) {
-    ListLock ll;
-    tcb *t = lookup_self_or(tid);
-    return t != nullptr ? t->name : nullptr;
-}
-
-int taskNameToId(const char *name) {
-    if (name == nullptr) return ERROR;
-    ListLock ll;
-    for (tcb *p = task_list; p != nullptr; p = p->next)
-        if (p->name != nullptr && std::strcmp(p->name, name) == 0) return p->id;
-    return ERROR;
-}
-
-int taskIdSelf(void) {
-    tcb *me = my_tcb();
-    if (me == nullptr) return 0;
-    ListLock ll;
-    return me->id;
-}
-
-STATUS taskIdVerify(int tid) {
-    ListLock ll;
-    tcb *t = lookup_self_or(tid);
-    if (t == nullptr || !tcb_listed(t)) {
-        errno = kErrIdError;
-        return ERROR;
-    }
-    return OK;
-}
-
-int taskIdListGet(int idList[], int maxTasks) {
-    if (idList == nullptr) return 0;
-    LockScope boost;
-    ListLock ll;
-    int n = 0;
-    for (tcb *p = task_list; p != nullptr && n < maxTasks; p = p->next)
-        idList[n++] = p->id;
-    return n;
-}
-
-BOOL taskIsReady(int tid) {
-    ListLock ll;
-    tcb *t = lookup_self_or(tid);
-    return (t != nullptr && tcb_listed(t) && (t->status & kStNotReady) == 0) ? TRUE : FALSE;
-}
-
-BOOL taskIsSuspended(int tid) {
-    ListLock ll;
-    tcb *t = lookup_self_or(tid);
-    return (t != nullptr && tcb_listed(t) && (t->status & kStSuspended) != 0) ? TRUE : FALSE;
-}
-
-kt4Tcb *taskTcb(int tid) {
-    ListLock ll;
-    tcb *t = lookup_self_or(tid);
-    if (t == nullptr || !tcb_listed(t)) return nullptr;
-    return reinterpret_cast<kt4Tcb *>(t);
-}
-
-STATUS taskInfoGet(int tid, kt4TaskInfo *desc) {
-    ListLock ll;
-    tcb *t = lookup_self_or(tid);
-    if (t == nullptr || !tcb_listed(t) || desc == nullptr) {
-        errno = kErrIdError;
-        return ERROR;
-    }
-    std::memset(desc, 0, sizeof *desc);
-    desc->ti_id = t->id;
-    desc->ti_name = t->name;
-    desc->ti_priority = t->priority;
-    desc->ti_entry = t->entry;
-    return OK;
-}
-
-int taskDeleteHookAdd(kt4TaskDeleteHook hook) {
-    LockScope boost;
-    ListLock ll;
-    taskDeleteHookInit();
-    if (taskDeleteNumHooks >= kHookSlots - 1) return KT4_E_HOOK_TABLE_FULL;
-    for (int i = kHookSlots - 2; i >= 1; --i)
-        taskDeleteTable[i] = taskDeleteTable[i - 1];
-    taskDeleteTable[0] = hook;
-    ++taskDeleteNumHooks;
-    return 0;
-}
-
-int taskDeleteHookDelete(kt4TaskDeleteHook hook) {
-    LockScope boost;
-    ListLock ll;
-    taskDeleteHookInit();
-    for (int i = 0; i < kHookSlots - 1; ++i) {
-        if (taskDeleteTable[i] != hook) continue;
-        --taskDeleteNumHooks;
-        for (int j = i; j < kHookSlots - 1; ++j) {
-            taskDeleteTable[j] = taskDeleteTable[j + 1];
-            if (taskDeleteTable[j] == nullptr) break;
-        }
-        return 0;
-    }
-    return KT4_E_HOOK_NOT_FOUND;
-}
-
-STATUS kernelTimeSlice(int ticks) {
-    LockScope boost;
-    ListLock ll;
-    round_robin_enabled = ticks != 0 ? 1 : 0;
-    int sched_policy = current_policy_locked();
-    for (tcb *t = task_list; t != nullptr; t = t->next) {
-        KT4_VERIFY_AS(attr_apply(&(t->attr), sched_policy, t->prv_priority.sched_priority) == 0,
-                      "!pthread_attr_setschedpolicy (&(tcb->attr), sched_policy)");
-        if (t->pthrid == 0 || !rt_enabled()) continue;
-        int cur_sched_policy;
-        sched_param cur_param;
-        KT4_VERIFY_AS(pthread_getschedparam(t->pthrid, &cur_sched_policy, &cur_param) == 0,
-                      "!pthread_getschedparam (tcb->pthrid, &cur_sched_policy, &cur_param)");
-        if (cur_sched_policy != SCHED_FIFO && cur_sched_policy != SCHED_RR)
-            cur_param.sched_priority = host_priority(t->prv_priority.sched_priority, sched_policy);
-        int rc = pthread_setschedparam(t->pthrid, sched_policy, &cur_param);
-        if (rc == EPERM)
-            rt_refused();
-        else
-            KT4_VERIFY_AS(rc == 0,
-                          "!pthread_setschedparam (tcb->pthrid, sched_policy, &cur_param)");
-    }
-    return OK;
-}
-
-void enableRoundRobin(void) {
-    ListLock ll;
-    round_robin_enabled = 1;
-}
-
-void disableRoundRobin(void) {
-    ListLock ll;
-    round_robin_enabled = 0;
-}
-
-int roundRobinIsEnabled(void) {
-    ListLock ll;
-    return round_robin_enabled;
 }
 
 } // extern "C"
