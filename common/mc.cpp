@@ -7,13 +7,16 @@
 // guarded, and its release simply finds no registration.
 //
 // System memory (kt4MC_M_sys*) is taken through the pool family's M_sysMalloc/M_sysMemfree, so
-// that it passes the memory-pressure gate and is counted per task. A build without the mem
-// family (KT4_WITH_MEM undefined: a partial build of other families) takes it from the heap.
+// that it passes the memory-pressure gate and is counted per task. The pool family stands
+// above this one: the process start-up wiring hands its calls over (set_sys_memory) before
+// main runs in every program that links the library. A program built from some families
+// without the wiring (a family's own tests) takes system memory from the heap.
+#include "common/kt4_mc.h"
+
 #include <kt4/common.h>
 #include <kt4/hostsim.h>
-#ifdef KT4_WITH_MEM
-#include <kt4/mem.h>
-#endif
+
+#include <atomic>
 
 #include <cerrno>
 #include <cstdlib>
@@ -33,29 +36,22 @@ int initial_mc_on() {
     return v != nullptr && v[0] != '\0' && v[0] != '0';
 }
 
+// The system-memory calls in force (null: the heap). Written once at start-up.
+std::atomic<const kt4::mc::SysMemory *> g_sys{nullptr};
+
 // The raw block of a checked allocation: heap memory, or system memory through the gate.
 void *raw_alloc(const char *file, int line, size_t size, bool zero, bool sys) {
-#ifdef KT4_WITH_MEM
-    if (sys) return zero ? M_sysCalloc(file, line, 1, size) : M_sysMalloc(file, line, size);
-#else
-    (void)file;
-    (void)line;
-    (void)sys;
-#endif
+    const kt4::mc::SysMemory *m = sys ? g_sys.load(std::memory_order_acquire) : nullptr;
+    if (m != nullptr) return zero ? m->calloc(file, line, 1, size) : m->malloc(file, line, size);
     return zero ? std::calloc(1, size) : std::malloc(size);
 }
 
 void raw_free(const char *file, int line, void *raw, bool sys) {
-#ifdef KT4_WITH_MEM
-    if (sys) {
-        M_sysMemfree(file, line, raw);
+    const kt4::mc::SysMemory *m = sys ? g_sys.load(std::memory_order_acquire) : nullptr;
+    if (m != nullptr) {
+        m->free(file, line, raw);
         return;
     }
-#else
-    (void)file;
-    (void)line;
-    (void)sys;
-#endif
     std::free(raw);
 }
 
@@ -89,6 +85,10 @@ int checked_free(const char *file, int line, void *ptr, int guard_kind) {
 
 } // namespace
 
+void kt4::mc::set_sys_memory(const SysMemory *calls) {
+    g_sys.store(calls, std::memory_order_release);
+}
+
 extern "C" {
 
 int gKT4MCOn = initial_mc_on();
@@ -105,7 +105,9 @@ void *kt4MC_calloc(const char *file, int line, size_t nmemb, size_t size) {
     return checked_alloc(file, line, nmemb * size, true, kGuardHeap, kMcKindHeap);
 }
 
-void kt4MC_free(const char *file, int line, void *ptr) { checked_free(file, line, ptr, kGuardHeap); }
+void kt4MC_free(const char *file, int line, void *ptr) {
+    checked_free(file, line, ptr, kGuardHeap);
+}
 
 void *kt4MC_M_sysMalloc(const char *file, int line, size_t size) {
     return checked_alloc(file, line, size, false, kGuardSys, kMcKindSys);

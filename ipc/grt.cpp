@@ -5,14 +5,14 @@
 // updates and the statistics walk; never across a socket call. The endpoint's response-queue
 // semaphore is held for the whole guaranteed exchange (it is taken before db_mutex when both
 // are held, never the other way round).
-#include "ipc/insttbl.h"
+#include "ident/insttbl.h"
 #include "ipc/ipc_int.h"
 
 #include "common/kt4_check.h"
 
 #include <kt4/ipc.h>
 #include <kt4/log.h>
-#include <kt4/tme.h>
+#include <kt4/ident.h>
 #include <kt4/vx2bsd.h>
 
 #include <arpa/inet.h>
@@ -113,27 +113,6 @@ kt4IpcGTarget *find_or_make(int key, uint32_t addr, uint32_t qid) {
     kt4IpcGIncSendDBMemUsed(sizeof(TargetNode));
     return &n->rec;
 }
-
-long now_usec() {
-    timespec ts;
-    clock_gettime(CLOCK_MONOTONIC, &ts);
-    return ts.tv_sec * 1000000L + ts.tv_nsec / 1000;
-}
-
-struct PeerName {
-    uint32_t qid;
-    mutable char text[48] = "";
-    explicit PeerName(uint32_t q) : qid(q) {}
-    // Formed only when a text needs it: the send paths must not pay for their failure texts.
-    const char *str() const {
-        if (text[0] == '\0') {
-            int svc = static_cast<int>(qid_service(qid));
-            std::snprintf(text, sizeof text, "%s(%d.%d)", kt4CodeToText(kt4ServiceToNameTbl, svc),
-                          svc, static_cast<int>(qid_instance(qid)));
-        }
-        return text;
-    }
-};
 
 bool in_loopback_net(uint32_t addr) {
     return (addr >> 24) == 127;

@@ -10,7 +10,7 @@
 #include "common/kt4_check.h"
 
 #include <kt4/ipc.h>
-#include <kt4/tme.h>
+#include <kt4/ident.h>
 
 #include <cstdio>
 #include <cstring>

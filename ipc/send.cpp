@@ -1,5 +1,4 @@
-// Sending, replying, receiving and send-and-wait over an endpoint's sockets, and the header
-// accessors of the public interface.
+// Sending, replying, receiving and send-and-wait over an endpoint's sockets.
 //
 // Locking: plain send and receive take no lock (each endpoint belongs to one task).
 // Send-and-wait holds the endpoint's response-queue semaphore for the whole exchange; the
@@ -9,7 +8,6 @@
 
 #include <kt4/ipc.h>
 #include <kt4/log.h>
-#include <kt4/tme.h>
 #include <kt4/vx2bsd.h>
 
 #include <arpa/inet.h>
@@ -27,7 +25,6 @@ using namespace kt4::ipc;
 namespace {
 
 constexpr long kSliceUsec = 500000; // send-and-wait waits in slices of 500 ms
-constexpr int kAnyTaskTimeout = 120;
 
 // The receive notifier: one process-wide (function, argument) pair.
 struct Notifier {
@@ -43,22 +40,6 @@ void call_notifier(int key) {
     if (n != nullptr && n->fn != nullptr) n->fn(n->arg, key);
 }
 
-// "NAME(service.instance)" of the task a queue id names, for the texts.
-struct PeerName {
-    uint32_t qid;
-    mutable char text[48] = "";
-    explicit PeerName(uint32_t q) : qid(q) {}
-    // Formed only when a text needs it: the send paths must not pay for their failure texts.
-    const char *str() const {
-        if (text[0] == '\0') {
-            int svc = static_cast<int>(qid_service(qid));
-            std::snprintf(text, sizeof text, "%s(%d.%d)", kt4CodeToText(kt4ServiceToNameTbl, svc),
-                          svc, static_cast<int>(qid_instance(qid)));
-        }
-        return text;
-    }
-};
-
 // An address in dotted form, for the texts.
 struct AddrText {
     char text[INET_ADDRSTRLEN];
@@ -68,20 +49,6 @@ struct AddrText {
         if (inet_ntop(AF_INET, &a, text, sizeof text) == nullptr) text[0] = '\0';
     }
 };
-
-long now_usec() {
-    timespec ts;
-    clock_gettime(CLOCK_MONOTONIC, &ts);
-    return ts.tv_sec * 1000000L + ts.tv_nsec / 1000;
-}
-
-// The header calls take the caller's message as it is: a null one is refused with EINVAL
-// (and nothing is read or written) rather than followed.
-bool null_msg(const void *msg) {
-    if (msg != nullptr) return false;
-    errno = EINVAL;
-    return true;
-}
 
 bool header_fits(int len) {
     return len >= static_cast<int>(kHeaderLen);
@@ -97,156 +64,6 @@ uint32_t rsp_qid_of(int key, TaskLocalInfo *rec) {
 } // namespace
 
 extern "C" {
-
-// ---- Header accessors -------------------------------------------------------------------
-
-uint32_t kt4IpcHdrGet(const void *msg, kt4IpcHdrField field) {
-    if (null_msg(msg)) return 0;
-    const Header *h = hdr(msg);
-    switch (field) {
-    case KT4_IPC_HDR_MAGIC:
-        return h->magic;
-    case KT4_IPC_HDR_CMD_TYPE:
-        return h->cmdType;
-    case KT4_IPC_HDR_CMD_FLAGS:
-        return h->cmdFlags;
-    case KT4_IPC_HDR_GRT_TAG:
-        return h->grtTag;
-    case KT4_IPC_HDR_LENGTH:
-        return h->length;
-    case KT4_IPC_HDR_MSG_TYPE:
-        return h->msgType;
-    case KT4_IPC_HDR_APP0:
-        return h->app[0];
-    case KT4_IPC_HDR_APP1:
-        return h->app[1];
-    case KT4_IPC_HDR_APP2:
-        return h->app[2];
-    case KT4_IPC_HDR_APP3:
-        return h->app[3];
-    case KT4_IPC_HDR_TRANSACTION:
-        return h->transaction;
-    case KT4_IPC_HDR_SRC_SLOT:
-        return h->src.slot;
-    case KT4_IPC_HDR_SRC_ADDR:
-        return h->src.addr;
-    case KT4_IPC_HDR_SRC_QID:
-        return h->src.qid;
-    case KT4_IPC_HDR_TGT_SLOT:
-        return h->tgt.slot;
-    case KT4_IPC_HDR_TGT_ADDR:
-        return h->tgt.addr;
-    case KT4_IPC_HDR_TGT_QID:
-        return h->tgt.qid;
-    }
-    return 0;
-}
-
-void kt4IpcHdrSet(void *msg, kt4IpcHdrField field, uint32_t v) {
-    if (null_msg(msg)) return;
-    Header *h = hdr(msg);
-    switch (field) {
-    case KT4_IPC_HDR_MAGIC:
-        h->magic = v;
-        break;
-    case KT4_IPC_HDR_CMD_TYPE:
-        h->cmdType = static_cast<uint8_t>(v);
-        break;
-    case KT4_IPC_HDR_CMD_FLAGS:
-        h->cmdFlags = static_cast<uint8_t>(v);
-        break;
-    case KT4_IPC_HDR_GRT_TAG:
-        h->grtTag = static_cast<uint16_t>(v);
-        break;
-    case KT4_IPC_HDR_LENGTH:
-        h->length = v;
-        break;
-    case KT4_IPC_HDR_MSG_TYPE:
-        h->msgType = v;
-        break;
-    case KT4_IPC_HDR_APP0:
-        h->app[0] = v;
-        break;
-    case KT4_IPC_HDR_APP1:
-        h->app[1] = v;
-        break;
-    case KT4_IPC_HDR_APP2:
-        h->app[2] = v;
-        break;
-    case KT4_IPC_HDR_APP3:
-        h->app[3] = v;
-        break;
-    case KT4_IPC_HDR_TRANSACTION:
-        h->transaction = v;
-        break;
-    case KT4_IPC_HDR_SRC_SLOT:
-        h->src.slot = v;
-        break;
-    case KT4_IPC_HDR_SRC_ADDR:
-        h->src.addr = v;
-        break;
-    case KT4_IPC_HDR_SRC_QID:
-        h->src.qid = v;
-        break;
-    case KT4_IPC_HDR_TGT_SLOT:
-        h->tgt.slot = v;
-        break;
-    case KT4_IPC_HDR_TGT_ADDR:
-        h->tgt.addr = v;
-        break;
-    case KT4_IPC_HDR_TGT_QID:
-        h->tgt.qid = v;
-        break;
-    }
-}
-
-void kt4IpcSetSourceHeader(void *msg, int slot, int service, int instance) {
-    if (null_msg(msg)) return;
-    Header *h = hdr(msg);
-    h->src.slot = static_cast<uint32_t>(slot);
-    h->src.addr = local_addr();
-    h->src.qid = static_cast<uint32_t>(kt4_getQueueId(service, instance, KT4_IPC_QUEUE_RSP));
-}
-
-void kt4IpcSetTargetHeader(void *msg, uint32_t address, int slot, int service, int instance) {
-    if (null_msg(msg)) return;
-    Header *h = hdr(msg);
-    h->tgt.slot = static_cast<uint32_t>(slot);
-    h->tgt.addr = address;
-    h->tgt.qid = static_cast<uint32_t>(kt4_getQueueId(service, instance, KT4_IPC_QUEUE_REQ));
-}
-
-void kt4IpcSetTargetHeaderToRspQ(void *msg, uint32_t address, int slot, int service, int instance) {
-    if (null_msg(msg)) return;
-    Header *h = hdr(msg);
-    h->tgt.slot = static_cast<uint32_t>(slot);
-    h->tgt.addr = address;
-    h->tgt.qid = static_cast<uint32_t>(kt4_getQueueId(service, instance, KT4_IPC_QUEUE_RSP));
-}
-
-int kt4IpcGetSourceHeader(const void *msg, uint32_t *slot, uint32_t *queueId) {
-    if (null_msg(msg)) return -1;
-    const Header *h = hdr(msg);
-    if (h->magic != kMagic) {
-        std::printf("\n\nkt4IpcGetSourceHeader - MAGIC ERROR\n");
-        return -1;
-    }
-    if (slot != nullptr) *slot = h->src.slot;
-    if (queueId != nullptr) *queueId = h->src.qid;
-    return 0;
-}
-
-void kt4IpcSetOrigSourceHeader(void *, int, uint32_t, int) {}
-void kt4IpcSetOrigDestHeader(void *, int, uint32_t, int) {}
-
-void kt4IpcSetIpcPriority(void *msg, int priority) {
-    if (null_msg(msg)) return;
-    Header *h = hdr(msg);
-    if (priority == 0)
-        h->cmdType = static_cast<uint8_t>(h->cmdType & ~kCmdPriorityBit);
-    else if (priority == 1)
-        h->cmdType = static_cast<uint8_t>(h->cmdType | kCmdPriorityBit);
-}
 
 void kt4IpcInstallRecvNotifier(kt4IpcRecvNotifier fn, void *arg) {
     if (fn == nullptr) {
@@ -677,46 +494,6 @@ template <typename F> int with_rsp_sem(int key, F fn) {
     return fn();
 }
 
-int any_task_send_wait(uint32_t msgType, void *msg, int len, int service, int instance, void *reply,
-                       int replySize, bool retrying) {
-    if (getSrvcId() == 255) {
-        errno = ENOENT;
-        return -1;
-    }
-    int key = -1;
-    getIpcKey(0, 0, &key);
-    if (msg == nullptr || !header_fits(len)) {
-        errno = EINVAL;
-        return -1;
-    }
-    int status = 0;
-    uint32_t addr = retrying
-                        ? kt4_tmeGetTaskIpAddrByName2(service, instance, &status, KT4_IPC_QUEUE_REQ)
-                        : kt4_tmeGetPeerIpAddrByName(service, instance, &status);
-    if (addr == kAllOnes) {
-        errno = EHOSTUNREACH;
-        return -1;
-    }
-    Header *h = hdr(msg);
-    h->msgType = msgType;
-    h->transaction = 0;
-    h->length = static_cast<uint32_t>(len);
-    h->app[1] = 0;
-    h->src.slot = 0;
-    h->src.addr = local_addr();
-    h->tgt.slot = 0;
-    h->tgt.addr = addr;
-    h->tgt.qid = static_cast<uint32_t>(kt4_getQueueId(service, instance, KT4_IPC_QUEUE_REQ));
-    int rc =
-        kt4IpcSendWaitWithRetry(key, msg, reply, len, replySize, kAnyTaskTimeout, msgType, 0, 0);
-    if (rc < 0) return -1;
-    if (trace_on(kTraceSendWait))
-        report_trace("%s: task %s sent mtype %d to svceTarget %d(instTarget: %d), reply OK!\r\n",
-                     retrying ? "anyTaskIpcSendAndWait2" : "anyTaskIpcSendAndWait", self_name(),
-                     static_cast<int>(msgType), service, instance);
-    return 0;
-}
-
 } // namespace
 
 extern "C" {
@@ -743,16 +520,6 @@ int kt4IpcSendWaitWithRetry(int key, void *sendBuf, void *replyBuf, int sendLen,
                                     transaction);
         return rc;
     });
-}
-
-int anyTaskIpcSendAndWait(uint32_t msgType, void *msg, int len, int service, int instance,
-                          void *reply, int replySize) {
-    return any_task_send_wait(msgType, msg, len, service, instance, reply, replySize, false);
-}
-
-int anyTaskIpcSendAndWait2(uint32_t msgType, void *msg, int len, int service, int instance,
-                           void *reply, int replySize) {
-    return any_task_send_wait(msgType, msg, len, service, instance, reply, replySize, true);
 }
 
 } // extern "C"

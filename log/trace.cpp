@@ -12,7 +12,7 @@
 // process ring mutex). Nothing else is taken under either.
 #include "log/log_internal.h"
 #include "log/trace_ring.h"
-#include "platform/atomic_be32.h"
+#include "common/atomic_be32.h"
 
 #include "common/kt4_check.h"
 

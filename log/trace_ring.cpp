@@ -1,7 +1,7 @@
 // The trace-history ring layout and its reader (see trace_ring.h).
 #include "log/trace_ring.h"
 
-#include "platform/atomic_be32.h"
+#include "common/atomic_be32.h"
 
 #include <cstring>
 

@@ -53,13 +53,25 @@ static_assert(sizeof(RingDirectory) <= kDirectoryBytes);
 constexpr size_t kRingStride = (sizeof(RingBlock) + 63) / 64 * 64;
 // The rings table: directory, software ring, hardware ring.
 constexpr size_t kRingsTableBytes = kDirectoryBytes + 2 * kRingStride;
-// The flags table: one AtomicBe32 word per module (platform/atomic_be32.h).
+// The flags table: one AtomicBe32 word per module (common/atomic_be32.h).
 constexpr size_t kFlagsTableBytes = kModules * 4;
 
 // Lays out a fresh rings table (directory and two empty rings).
 void format_rings(void *table, size_t bytes);
 // Lays out a fresh flags table: every module 0, word 0 (the trace-initialised mark) set.
 void format_flags(void *table, size_t bytes);
+
+// The tables the trace channel keeps in the card's shared area, in the order the area lays
+// them out (its first slots: the flags table, then the rings table). The platform family lays
+// out whatever this list declares; it names none of them itself.
+struct SharedTable {
+    size_t bytes;
+    void (*init)(void *table, size_t bytes);
+};
+inline constexpr SharedTable kSharedTables[] = {
+    {kFlagsTableBytes, format_flags},
+    {kRingsTableBytes, format_rings},
+};
 
 // The ring of directory entry (kRingSoftware or kRingHardware) in a rings table of the given
 // size, or null with the reason in *why.

@@ -29,4 +29,10 @@ static_assert(sizeof(Record) == 120);
 
 constexpr size_t kTableBytes = KT4_HEALTH_RECORDS * sizeof(Record);
 
+// For the process start-up's monitor task (startup/process.cpp), which refreshes the record.
+int period_of_open_record(); // refresh period of the record this process opened, or 0
+void child_reaped(int pid, int status);
+void close_record();
+const char *service_name(); // this process's service name, as start_serv_process set it
+
 } // namespace kt4::health

@@ -1,13 +1,9 @@
-// Internal interface between the files of the platform family (start-up, locks).
+// Internal interface between the files of the platform family (mapping, locks).
 #pragma once
 
-namespace kt4::platform {
+#include "platform/say.h"
 
-// Reports a failure that the person bringing a card up must see: into the trace channel
-// (kt4ErrorPrintf / kt4WarningPrintf of module) and on standard error, whatever the trace
-// printing. One line each; the text carries the call's name.
-void say_error(int module, const char *format, ...) __attribute__((format(printf, 2, 3)));
-void say_warning(int module, const char *format, ...) __attribute__((format(printf, 2, 3)));
+namespace kt4::platform {
 
 // Is any other process attached to the card (has its shared memory file mapped)? Every
 // process that maps the file keeps a shared lock on it for its life; the kernel drops the

@@ -16,9 +16,11 @@
 #include <pthread.h>
 #include <unistd.h>
 
+#include <array>
 #include <atomic>
 #include <cerrno>
 #include <cstring>
+#include <iterator>
 #include <ctime>
 
 namespace kt4::shm {
@@ -36,20 +38,29 @@ void zero_table(void *table, size_t bytes) {
     std::memset(table, 0, bytes);
 }
 
-// The tables laid out with the area, in this order after the header page. A family whose
-// table has a fixed size and must exist from the start adds its row here; tables created on
-// first use go through claim() instead.
+// The tables laid out with the area, in this order after the header page: first the trace
+// channel's, as the trace family declares them (log/trace_ring.h), in slots kTraceFlags and
+// kTraceRings; then the platform's own. A family whose table has a fixed size and must exist
+// from the start adds its row here; tables created on first use go through claim() instead.
 struct FixedTable {
     Table slot;
     size_t bytes;
     void (*init)(void *table, size_t bytes);
 };
-constexpr FixedTable kFixedTables[] = {
-    {kTraceFlags, trace::kFlagsTableBytes, trace::format_flags},
-    {kTraceRings, trace::kRingsTableBytes, trace::format_rings},
-    {kHealth, health::kTableBytes, zero_table},
-    {kLockHolders, holders::kTableBytes, holders::format},
-};
+constexpr size_t kTraceTableCount = std::size(trace::kSharedTables);
+static_assert(kTraceTableCount == 2 && kTraceRings == kTraceFlags + 1,
+              "the trace tables occupy slots kTraceFlags and kTraceRings");
+constexpr auto kFixedTables = [] {
+    std::array<FixedTable, kTraceTableCount + 2> t{};
+    size_t n = 0;
+    for (const trace::SharedTable &d : trace::kSharedTables) {
+        t[n] = {static_cast<Table>(kTraceFlags + n), d.bytes, d.init};
+        ++n;
+    }
+    t[n++] = {kHealth, health::kTableBytes, zero_table};
+    t[n++] = {kLockHolders, holders::kTableBytes, holders::format};
+    return t;
+}();
 
 constexpr size_t fixed_end() {
     size_t off = kHeaderBytes;

@@ -20,7 +20,7 @@
 // into a lock it is taking.
 #include "platform/shm_locks.h"
 
-#include "platform/atomic_be32.h"
+#include "common/atomic_be32.h"
 #include "platform/lock_holders.h"
 #include "platform/shm_area.h"
 #include "platform/platform_int.h"
@@ -326,21 +326,40 @@ void give(int n) {
 
 } // namespace kt4::shmlock
 
+namespace {
+
+// The prelude of every lock entry: the lock's word, with its semaphore id in *id; null (and
+// reported) when the number is outside the kind's range (errno EINVAL, and the assertion) or
+// the lock is not open in this process.
+LockWord *lock_entry(const char *call, int svc, bool rw, int *id) {
+    const int count = rw ? kRwLocks : kPlainLocks;
+    if (svc < 0 || svc >= count) {
+        out_of_range(call, svc, count);
+        if (rw)
+            KT4_ASSERT_TAG(svc >= 0 && svc < KT4_SHM_NUM_RW_LOCKS, kSource);
+        else
+            KT4_ASSERT_TAG(svc >= 0 && svc < KT4_SHM_NUM_LOCKS, kSource);
+        errno = EINVAL;
+        return nullptr;
+    }
+    LockWord &w = rw ? g_table.rw[svc] : g_table.plain[svc];
+    *id = w.get_id();
+    if (*id < 0) {
+        not_open(call, svc);
+        return nullptr;
+    }
+    return &w;
+}
+
+} // namespace
+
 extern "C" {
 
 int KT4_ShmLock(int svc) {
-    if (svc < 0 || svc >= kPlainLocks) {
-        out_of_range("KT4_ShmLock", svc, kPlainLocks);
-        KT4_ASSERT_TAG(svc >= 0 && svc < KT4_SHM_NUM_LOCKS, kSource);
-        errno = EINVAL;
-        return ERROR;
-    }
-    LockWord &w = g_table.plain[svc];
-    int id = w.get_id();
-    if (id < 0) {
-        not_open("KT4_ShmLock", svc);
-        return ERROR;
-    }
+    int id = -1;
+    LockWord *entry = lock_entry("KT4_ShmLock", svc, false, &id);
+    if (entry == nullptr) return ERROR;
+    LockWord &w = *entry;
     poll_take(kt4::holders::plain_slot(svc), id, kPlainTake, "KT4_ShmLock", svc);
     w.set_shadow(0);
     KT4_TSAN_ACQUIRE(&w);
@@ -348,18 +367,10 @@ int KT4_ShmLock(int svc) {
 }
 
 int KT4_ShmUnLock(int svc) {
-    if (svc < 0 || svc >= kPlainLocks) {
-        out_of_range("KT4_ShmUnLock", svc, kPlainLocks);
-        KT4_ASSERT_TAG(svc >= 0 && svc < KT4_SHM_NUM_LOCKS, kSource);
-        errno = EINVAL;
-        return ERROR;
-    }
-    LockWord &w = g_table.plain[svc];
-    int id = w.get_id();
-    if (id < 0) {
-        not_open("KT4_ShmUnLock", svc);
-        return ERROR;
-    }
+    int id = -1;
+    LockWord *entry = lock_entry("KT4_ShmUnLock", svc, false, &id);
+    if (entry == nullptr) return ERROR;
+    LockWord &w = *entry;
     if (svc == kTmeLock) {
         // The task manager's lock is checked against the kernel, whatever this process thinks:
         // its holders are in other processes as often as in this one.
@@ -383,18 +394,10 @@ int KT4_ShmUnLock(int svc) {
 }
 
 int KT4_ShmReadLock(int svc) {
-    if (svc < 0 || svc >= kRwLocks) {
-        out_of_range("KT4_ShmReadLock", svc, kRwLocks);
-        KT4_ASSERT_TAG(svc >= 0 && svc < KT4_SHM_NUM_RW_LOCKS, kSource);
-        errno = EINVAL;
-        return ERROR;
-    }
-    LockWord &w = g_table.rw[svc];
-    int id = w.get_id();
-    if (id < 0) {
-        not_open("KT4_ShmReadLock", svc);
-        return ERROR;
-    }
+    int id = -1;
+    LockWord *entry = lock_entry("KT4_ShmReadLock", svc, true, &id);
+    if (entry == nullptr) return ERROR;
+    LockWord &w = *entry;
     poll_take(kt4::holders::rw_slot(svc), id, kReadTake, "KT4_ShmReadLock", svc);
     w.add_shadow(1);
     KT4_TSAN_ACQUIRE(&w);
@@ -402,18 +405,10 @@ int KT4_ShmReadLock(int svc) {
 }
 
 int KT4_ShmReadUnLock(int svc) {
-    if (svc < 0 || svc >= kRwLocks) {
-        out_of_range("KT4_ShmReadUnLock", svc, kRwLocks);
-        KT4_ASSERT_TAG(svc >= 0 && svc < KT4_SHM_NUM_RW_LOCKS, kSource);
-        errno = EINVAL;
-        return ERROR;
-    }
-    LockWord &w = g_table.rw[svc];
-    int id = w.get_id();
-    if (id < 0) {
-        not_open("KT4_ShmReadUnLock", svc);
-        return ERROR;
-    }
+    int id = -1;
+    LockWord *entry = lock_entry("KT4_ShmReadUnLock", svc, true, &id);
+    if (entry == nullptr) return ERROR;
+    LockWord &w = *entry;
     int shadow = w.get_shadow();
     if (shadow < 1 && lock_traces_on())
         kt4TracePrintf(kTraceModule,
@@ -425,18 +420,10 @@ int KT4_ShmReadUnLock(int svc) {
 }
 
 int KT4_ShmWriteLock(int svc) {
-    if (svc < 0 || svc >= kRwLocks) {
-        out_of_range("KT4_ShmWriteLock", svc, kRwLocks);
-        KT4_ASSERT_TAG(svc >= 0 && svc < KT4_SHM_NUM_RW_LOCKS, kSource);
-        errno = EINVAL;
-        return ERROR;
-    }
-    LockWord &w = g_table.rw[svc];
-    int id = w.get_id();
-    if (id < 0) {
-        not_open("KT4_ShmWriteLock", svc);
-        return ERROR;
-    }
+    int id = -1;
+    LockWord *entry = lock_entry("KT4_ShmWriteLock", svc, true, &id);
+    if (entry == nullptr) return ERROR;
+    LockWord &w = *entry;
     poll_take(kt4::holders::rw_slot(svc), id, kWriteTake, "KT4_ShmWriteLock", svc);
     w.set_shadow(-1);
     KT4_TSAN_ACQUIRE(&w);
@@ -444,18 +431,10 @@ int KT4_ShmWriteLock(int svc) {
 }
 
 int KT4_ShmWriteUnLock(int svc) {
-    if (svc < 0 || svc >= kRwLocks) {
-        out_of_range("KT4_ShmWriteUnLock", svc, kRwLocks);
-        KT4_ASSERT_TAG(svc >= 0 && svc < KT4_SHM_NUM_RW_LOCKS, kSource);
-        errno = EINVAL;
-        return ERROR;
-    }
-    LockWord &w = g_table.rw[svc];
-    int id = w.get_id();
-    if (id < 0) {
-        not_open("KT4_ShmWriteUnLock", svc);
-        return ERROR;
-    }
+    int id = -1;
+    LockWord *entry = lock_entry("KT4_ShmWriteUnLock", svc, true, &id);
+    if (entry == nullptr) return ERROR;
+    LockWord &w = *entry;
     int shadow = w.get_shadow();
     if (shadow != -1 && lock_traces_on())
         kt4TracePrintf(kTraceModule,

@@ -88,8 +88,10 @@ int reserve(int service, int instance, int pid, int parentPid, int parentTaskId,
             bool acceptOwn, int *health, int *holder);
 // Completes a reservation: the process and task that run it. 0 or -1 (ENOENT).
 int set_owner(int service, int instance, int pid, int taskId);
-// Drops a reservation that was never completed (a failed creation). 0 or -1.
-int cancel_reservation(int service, int instance, int parentPid);
+// Drops a reservation that was never completed (a failed creation), made by or for process
+// maker (its parent or the process that runs it); an entry that is no longer a reservation (an
+// endpoint was opened on it) is kept. 0 or -1 (ENOENT).
+int cancel_reservation(int service, int instance, int maker);
 // Marks the task's entry ready (kt4TaskReady). 0 or -1.
 int mark_ready(int service, int instance, int pid);
 

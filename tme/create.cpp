@@ -7,10 +7,9 @@
 // card cannot both succeed; a thread task owns its process record before its entry routine
 // runs, so that kt4GetMyTaskKey answers from its first instruction.
 #include "common/kt4_check.h"
-#include "ipc/localinfo.h"
+#include "ident/localinfo.h"
 #include "platform/shm_area.h"
 #include "tme/card_table.h"
-#include "tme/registry.h"
 
 #include <kt4/hostsim.h>
 #include <kt4/ipc.h>
@@ -50,10 +49,10 @@ const char *or_empty(const char *s) {
 // The pid of the task that holds the process record of (service, instance), or 0 when the
 // record is free (or does not live in this process).
 int local_holder(int service, int instance) {
-    kt4::ipc::TaskLocalInfo *rec = kt4::ipc::localinfo_peek(service, instance);
+    kt4::ident::TaskLocalInfo *rec = kt4::ident::localinfo_peek(service, instance);
     if (rec == nullptr) return 0;
-    kt4::MutexGuard g(kt4::ipc::localinfo_mutex());
-    if (rec->magic != kt4::ipc::kLocalInfoMagic) return 0;
+    kt4::MutexGuard g(kt4::ident::localinfo_mutex());
+    if (rec->magic != kt4::ident::kLocalInfoMagic) return 0;
     int pid = static_cast<int>(rec->pid.get());
     return pid != 0 ? pid : static_cast<int>(getpid());
 }
@@ -152,7 +151,7 @@ int task_start(kt4_arg_t a1, kt4_arg_t, kt4_arg_t, kt4_arg_t, kt4_arg_t, kt4_arg
 int spawn_thread(const char *who, const char *name, int priority, int options, int stackSize,
                  kt4TaskEntry entry, kt4_arg_t arg, int service, int instance, int parentTaskId) {
     const int key = service << 7 | instance << 2;
-    kt4::ipc::TaskLocalInfo *rec = kt4::ipc::localinfo_record(service, instance);
+    kt4::ident::TaskLocalInfo *rec = kt4::ident::localinfo_record(service, instance);
     if (rec == nullptr) {
         kt4ErrorPrintf(kModule,
                        "Error in kt4MaxInstPerProcessTbl, Task creation failed for service %d "
@@ -178,10 +177,10 @@ int spawn_thread(const char *who, const char *name, int priority, int options, i
         return -1;
     }
     const char *taskNameNow = name != nullptr ? name : taskName(tid);
-    if (!kt4::ipc::localinfo_claim(rec, static_cast<uint32_t>(tid),
-                                   static_cast<uint32_t>(parentTaskId),
-                                   static_cast<uint32_t>(getpid()), static_cast<uint64_t>(arg),
-                                   service, instance, taskNameNow)) {
+    if (!kt4::ident::localinfo_claim(rec, static_cast<uint32_t>(tid),
+                                     static_cast<uint32_t>(parentTaskId),
+                                     static_cast<uint32_t>(getpid()), static_cast<uint64_t>(arg),
+                                     service, instance, taskNameNow)) {
         // Another task of this process took the record between our check and now.
         report_duplicate(service, instance, static_cast<int>(getpid()));
         gate_open(g, false);
@@ -190,6 +189,39 @@ int spawn_thread(const char *who, const char *name, int priority, int options, i
     }
     (void)kt4::tme::set_owner(service, instance, static_cast<int>(getpid()), tid);
     gate_open(g, true);
+    return tid;
+}
+
+// Reserves (service, instance) on the card for a thread task of this process created by
+// (parentPid, parentTaskId), spawns it, and on failure takes the reservation back while it is
+// still one: a task of this process that opened the endpoint in the meantime keeps its entry.
+// Without the card's table the task still lives in this process; it is only not found by the
+// other processes of the card. The task id, or -1 with errno.
+int reserve_and_spawn(const char *who, const char *name, int priority, int options, int stackSize,
+                      kt4TaskEntry entry, kt4_arg_t arg, int service, int instance, int parentPid,
+                      int parentTaskId, bool acceptOwn) {
+    const int self = static_cast<int>(getpid());
+    int holder = 0;
+    bool reserved = true;
+    if (kt4::tme::reserve(service, instance, self, parentPid, parentTaskId, name, acceptOwn,
+                          nullptr, &holder) != 0) {
+        if (errno == EEXIST) {
+            report_duplicate(service, instance, holder);
+            errno = EEXIST;
+            return -1;
+        }
+        reserved = false;
+    }
+    int tid = spawn_thread(who, name, priority, options, stackSize, entry, arg, service, instance,
+                           parentTaskId);
+    if (tid == -1) {
+        int err = errno;
+        if (reserved) (void)kt4::tme::cancel_reservation(service, instance, self);
+        errno = err;
+        return -1;
+    }
+    kt4TracePrintf(kModule, "%s: spawned %s svc(%d) inst(%d) p_cpid(%d)", who,
+                   name != nullptr ? name : taskName(tid), service, instance, tid);
     return tid;
 }
 
@@ -402,31 +434,8 @@ int kt4TaskCreate(const char *name, int service, int instance, int how, int prio
         return fork_process(who, name, service, instance, program, args, parentTaskId);
     }
 
-    int holder = 0;
-    bool reserved = true;
-    if (kt4::tme::reserve(service, instance, static_cast<int>(getpid()), static_cast<int>(getpid()),
-                          parentTaskId, name, false, nullptr, &holder) != 0) {
-        if (errno == EEXIST) {
-            report_duplicate(service, instance, holder);
-            errno = EEXIST;
-            return -1;
-        }
-        // Without the card's table the task still lives in this process; it is only not
-        // found by the other processes of the card.
-        reserved = false;
-    }
-    int tid = spawn_thread(who, name, priority, options, stackSize, entry, arg, service, instance,
-                           parentTaskId);
-    if (tid == -1) {
-        int err = errno;
-        if (reserved)
-            (void)kt4::tme::cancel_reservation(service, instance, static_cast<int>(getpid()));
-        errno = err;
-        return -1;
-    }
-    kt4TracePrintf(kModule, "%s: spawned %s svc(%d) inst(%d) p_cpid(%d)", who,
-                   name != nullptr ? name : taskName(tid), service, instance, tid);
-    return tid;
+    return reserve_and_spawn(who, name, priority, options, stackSize, entry, arg, service, instance,
+                             static_cast<int>(getpid()), parentTaskId, false);
 }
 
 int kt4_taskSpawnP(const char *name, int priority, int options, int stackSize, kt4TaskEntry entry,
@@ -445,28 +454,8 @@ int kt4_taskSpawnP(const char *name, int priority, int options, int stackSize, k
     if (parentPid > 0) wait_for_parent(name, parentPid);
 
     const int self = static_cast<int>(getpid());
-    int holder = 0;
-    bool reserved = true;
-    if (kt4::tme::reserve(service, instance, self, parentPid > 0 ? parentPid : self, taskIdSelf(),
-                          name, true, nullptr, &holder) != 0) {
-        if (errno == EEXIST) {
-            report_duplicate(service, instance, holder);
-            errno = EEXIST;
-            return -1;
-        }
-        reserved = false;
-    }
-    int tid = spawn_thread(who, name, priority, options, stackSize, entry, arg, service, instance,
-                           taskIdSelf());
-    if (tid == -1) {
-        int err = errno;
-        if (reserved) (void)kt4::tmeRegistryUnregister(service, instance, self);
-        errno = err;
-        return -1;
-    }
-    kt4TracePrintf(kModule, "%s: spawned %s svc(%d) inst(%d) p_cpid(%d)", who,
-                   name != nullptr ? name : taskName(tid), service, instance, tid);
-    return tid;
+    return reserve_and_spawn(who, name, priority, options, stackSize, entry, arg, service, instance,
+                             parentPid > 0 ? parentPid : self, taskIdSelf(), true);
 }
 
 int kt4_taskSpawn(const char *name, int priority, int options, int stackSize, kt4TaskEntry entry,

@@ -16,7 +16,7 @@
 // card's table marks the task ready once the message is out.
 #include "common/kt4_be.h"
 #include "common/kt4_check.h"
-#include "ipc/localinfo.h"
+#include "ident/localinfo.h"
 #include "tme/card_table.h"
 
 #include <kt4/hostsim.h>
@@ -44,9 +44,9 @@ extern "C" int kt4TaskReady(int key) {
     // announces a task on its behalf names the task, not itself.
     uint32_t taskId = static_cast<uint32_t>(taskIdSelf());
     uint32_t pid = static_cast<uint32_t>(getpid());
-    if (kt4::ipc::TaskLocalInfo *rec = kt4::ipc::localinfo_peek(service, instance)) {
-        kt4::MutexGuard g(kt4::ipc::localinfo_mutex());
-        if (rec->magic == kt4::ipc::kLocalInfoMagic) {
+    if (kt4::ident::TaskLocalInfo *rec = kt4::ident::localinfo_peek(service, instance)) {
+        kt4::MutexGuard g(kt4::ident::localinfo_mutex());
+        if (rec->magic == kt4::ident::kLocalInfoMagic) {
             taskId = rec->taskId;
             pid = rec->pid;
         }

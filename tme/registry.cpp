@@ -3,7 +3,7 @@
 //
 // Locks: shared-memory lock 5 guards the whole table (entries and globals), for readers and
 // writers alike, across the processes of the card and the threads of each. It is taken before
-// the endpoint table's lock (ipc/localinfo.h) and before the shared area's own lock (taken
+// the endpoint table's lock (ident/localinfo.h) and before the shared area's own lock (taken
 // inside shm::claim when the table is first made); nothing here is called with it held from
 // outside this file.
 //
@@ -11,6 +11,8 @@
 // table checks the owners it meets (kill(pid, 0), and /proc for zombies) and clears the
 // entries of the dead ones; a process that ends normally clears its own at exit.
 #include "tme/registry.h"
+
+#include "ident/endpoint_hooks.h"
 
 #include "platform/shm_area.h"
 #include "platform/shm_locks.h"
@@ -294,12 +296,13 @@ int set_owner(int service, int instance, int pid, int taskId) {
     return 0;
 }
 
-int cancel_reservation(int service, int instance, int parentPid) {
+int cancel_reservation(int service, int instance, int maker) {
     Locked l;
     CardTaskTable *t = l.get();
     CardTaskEntry *e = t != nullptr ? find(t, service, instance, kt4CardSlot()) : nullptr;
     if (e == nullptr || e->state != kReserved ||
-        static_cast<int>(e->parentPid.get()) != parentPid) {
+        (static_cast<int>(e->parentPid.get()) != maker &&
+         static_cast<int>(e->pid.get()) != maker)) {
         errno = ENOENT;
         return -1;
     }
@@ -532,6 +535,12 @@ int tmeRegistryUnregister(int service, int instance, int pid) {
         return -1;
     }
     return 0;
+}
+
+void tmeInstallEndpointHooks() {
+    static const ident::EndpointHooks hooks{tmeRegistryClaim, tmeRegistryRegister,
+                                            tmeRegistryUnregister};
+    ident::set_endpoint_hooks(&hooks);
 }
 
 } // namespace kt4

@@ -2,12 +2,14 @@
 //
 // Every process of a card keeps its endpoints in its own table (task_localinfo); the card's
 // task table in the shared area is what lets the other processes of the card find them without
-// asking any daemon. kt4IpcOpen registers an endpoint here once its sockets are bound, and
+// asking any daemon. Messaging announces its endpoints (ident/endpoint_hooks.h) and the three
+// calls below are the hooks that act on the announcements (tmeInstallEndpointHooks): kt4IpcOpen
+// claims an endpoint before its sockets are made and registers it once they are bound, and
 // kt4IpcClose unregisters it; task exit and process exit remove what a task or a process leaves
 // behind, and a look-up never answers with an entry whose process has died.
 //
 // All calls take shared-memory lock 5 themselves. Call them holding neither lock 5 nor the
-// endpoint table's lock (ipc/localinfo.h): the order is lock 5 first, then the table lock.
+// endpoint table's lock (ident/localinfo.h): the order is lock 5 first, then the table lock.
 // When this process has not mapped the card's shared area (KT4_ProcShmInit not called) there is
 // no card table: registration then fails with -1 and errno ENXIO and changes nothing, so an
 // endpoint still works inside its own process.
@@ -41,5 +43,9 @@ int tmeRegistryRegister(int service, int instance, uint32_t ipAddr, int slot, in
 // Removes the entry (service, instance) when process pid holds it. Returns 0 when an entry was
 // removed, -1 (errno ENOENT) when pid held none, ENXIO without the shared area.
 int tmeRegistryUnregister(int service, int instance, int pid);
+
+// Installs the three calls above as messaging's endpoint hooks. The process start-up wiring
+// (startup/wiring.cpp) does it before main runs in every program that links the library.
+void tmeInstallEndpointHooks();
 
 } // namespace kt4

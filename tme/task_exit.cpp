@@ -5,9 +5,8 @@
 // endpoints that the task still has open, gives its records in the endpoint table back, and
 // takes its entries out of the card's task table, so that no peer finds a task that is gone
 // and its service and instance can be created again.
-#include "ipc/localinfo.h"
+#include "ident/localinfo.h"
 #include "tme/card_table.h"
-#include "vx2bsd/vx2bsd_int.h"
 
 #include <kt4/ipc.h>
 #include <kt4/log.h>
@@ -23,16 +22,16 @@ struct Owned {
     uint32_t pid;
     int service;
     int index;
-    kt4::ipc::TaskLocalInfo *rec;
+    kt4::ident::TaskLocalInfo *rec;
     bool open;
 };
 
 // The task's first record in table order, or false when it holds none.
 bool next_owned(Owned &o) {
-    return kt4::ipc::localinfo_for_each(
-               [](int service, int index, kt4::ipc::TaskLocalInfo *rec, void *arg) -> int {
+    return kt4::ident::localinfo_for_each(
+               [](int service, int index, kt4::ident::TaskLocalInfo *rec, void *arg) -> int {
                    auto *q = static_cast<Owned *>(arg);
-                   if (rec->magic != kt4::ipc::kLocalInfoMagic || rec->taskId != q->taskId ||
+                   if (rec->magic != kt4::ident::kLocalInfoMagic || rec->taskId != q->taskId ||
                        rec->pid != q->pid)
                        return 0;
                    q->service = service;
@@ -48,8 +47,7 @@ bool next_owned(Owned &o) {
 
 extern "C" void kt4TaskExit(kt4Tcb *tcb, const char *name) {
     // The hook may run in another task's thread: the dying task is named by its TCB.
-    const int tid =
-        tcb != nullptr ? static_cast<int>(reinterpret_cast<kt4::vx::tcb *>(tcb)->id) : taskIdSelf();
+    const int tid = kt4TaskIdOfTcb(tcb);
     Owned o{};
     o.taskId = static_cast<uint32_t>(tid);
     o.pid = static_cast<uint32_t>(getpid());
@@ -59,7 +57,7 @@ extern "C" void kt4TaskExit(kt4Tcb *tcb, const char *name) {
         // closed with the endpoint they belong to.
         if (o.open && o.index <= KT4_TASK_MAX_INSTANCE)
             (void)kt4IpcClose(o.service << 7 | o.index << 2);
-        kt4::ipc::localinfo_release(o.rec);
+        kt4::ident::localinfo_release(o.rec);
         ++released;
     }
     if (kt4::tme::own_entries_possible())

@@ -2,7 +2,8 @@
 // dump taken on request.
 //
 //   kt4VxToBsdInit  thread key, round robin, raised resource limits, SIGPIPE ignored, tUsrRoot,
-//                   the task manager's exit hook
+//                   the task manager's exit hook (kt4VxSetStartDeleteHook; the process start-up
+//                   wiring sets it to kt4TaskExit in every program that links the library)
 //   tUsrRoot        starts tExcTask and tTimerTask, then serves live-core requests (SIGUSR2)
 //   tExcTask        counts watchdogs down every tick
 //   tTimerTask      counts vx2bsd timers down every second
@@ -14,7 +15,7 @@
 // needs a privilege, ends the process with the system's message.
 #include "vx2bsd/vx2bsd_int.h"
 
-#include <kt4/timer.h>
+#include "common/kt4_clock.h"
 
 #include <fcntl.h>
 #include <signal.h>
@@ -39,6 +40,9 @@ kt4Tcb excp_tcb;
 kt4Tcb timer_tcb;
 
 std::atomic<bool> vx_started{false};
+// The delete hook registered at start-up (the task manager's exit hook, set by the process
+// start-up wiring: startup/wiring.cpp).
+std::atomic<kt4TaskDeleteHook> start_delete_hook{nullptr};
 std::atomic<int> livecore_requested{0};
 
 // kt4VxToBsdInit returns once the service tasks run, so that a watchdog started right after
@@ -115,7 +119,7 @@ int timer_task(kt4_arg_t, kt4_arg_t, kt4_arg_t, kt4_arg_t, kt4_arg_t, kt4_arg_t,
     vx2bsdTimerLibInit();
     for (;;) {
         process_vx2bsd_timer_list();
-        taskDelay(sysClkRateGet());
+        taskDelay(kt4::kTicksPerSecond);
     }
     return 0;
 }
@@ -129,7 +133,7 @@ int root_task(kt4_arg_t exc_flag, kt4_arg_t timer_flag, kt4_arg_t, kt4_arg_t, kt
     KT4_VERIFY(!pthread_cond_broadcast(&ready_cond));
     KT4_VERIFY(!pthread_mutex_unlock(&ready_lock));
     for (;;) {
-        taskDelay(2 * sysClkRateGet());
+        taskDelay(2 * kt4::kTicksPerSecond);
         if (livecore_requested.load(std::memory_order_relaxed)) {
             if (kt4livecore() == -1) std::perror("live coredump by SIGUSR2 failed");
             livecore_requested.store(0, std::memory_order_relaxed);
@@ -151,6 +155,10 @@ void start_service(kt4Tcb *w, const char *name, int priority, int posix_priority
 
 extern "C" {
 
+void kt4VxSetStartDeleteHook(kt4TaskDeleteHook hook) {
+    start_delete_hook.store(hook, std::memory_order_release);
+}
+
 int kt4VxToBsdInit(int startExcTask, int startTimerTask) {
     if (vx_started.exchange(true)) return 0; // the process is started once
     vx2bsdLibInit();
@@ -160,7 +168,8 @@ int kt4VxToBsdInit(int startExcTask, int startTimerTask) {
     start_service(&root_tcb, "tUsrRoot", 0, kRootPriority, root_task,
                   "!pthread_attr_setschedparam (&(root_tcb.attr), &(root_tcb.prv_priority))",
                   static_cast<kt4_arg_t>(startExcTask), static_cast<kt4_arg_t>(startTimerTask));
-    taskDeleteHookAdd(kt4TaskExit);
+    if (kt4TaskDeleteHook hook = start_delete_hook.load(std::memory_order_acquire))
+        taskDeleteHookAdd(hook);
     KT4_VERIFY(!pthread_mutex_lock(&ready_lock));
     while (!services_ready)
         KT4_VERIFY(!pthread_cond_wait(&ready_cond, &ready_lock));

@@ -31,6 +31,7 @@
 #define KT4_IPC_H
 
 #include <kt4/common.h>
+#include <kt4/ident.h>
 
 KT4_BEGIN_DECLS
 
@@ -41,11 +42,7 @@ KT4_BEGIN_DECLS
 #define KT4_IPC_QUEUE_RSP 2
 #define KT4_IPC_QUEUE_TMR 3
 
-#define KT4_IPC_MIN_SERVICE 13  /* lowest service the keyed calls accept */
-#define KT4_IPC_MAX_SERVICE 363 /* highest */
-#define KT4_IPC_LARGE_INST_MIN 48
-#define KT4_IPC_LARGE_INST_MAX 4144
-#define KT4_IPC_LARGE_INST_QID 0xA700 /* queue id of a large instance, OR the kind */
+/* KT4_IPC_MIN_SERVICE, KT4_IPC_MAX_SERVICE and the large-instance range: <kt4/ident.h> */
 
 int maxService(void);                   /* 366 */
 int kt4IpcGetService(int key);          /* key >> 7 */
@@ -151,42 +148,6 @@ void ipcGetModuleByMT(uint32_t msgType);
 int ipcGetModuleIdAndOffsetByMT(uint32_t msgType, int *module, int *offset);
 const char *ipcGetModuleNameById(int id);
 
-/* ---- Instances per process ----------------------------------------------------------- */
-
-/*
- * One row per service (0..363): the service column, the number of ordinary instance records
- * the process keeps (instances 0..n-1), flags, and the number of large-instance records kept
- * after them. The default gives every service its 32 instances in the calling process.
- */
-typedef struct kt4IpcProcInstRow {
-    uint32_t service;        /* must equal the row's index for the row to be used */
-    uint32_t instances;      /* ordinary records; also the offset of the large-instance record */
-    uint32_t flags;          /* KT4_IPC_INST_* */
-    uint32_t largeInstances; /* records for a large-instance endpoint (0 or 1) */
-} kt4IpcProcInstRow;
-
-#define KT4_IPC_INST_ROWS 364
-#define KT4_IPC_INST_LARGE_QID 0x10000 /* process-per-instance: large-instance queue ids */
-#define KT4_IPC_INST_MASTER_CP 0x400   /* process-per-instance: served by the master card */
-
-/*
- * Loads another table (rows 0..count-1; services from count on do not live in this
- * process). Load it before any endpoint is opened: a service whose records already exist
- * keeps its record count. 0, or -1 (EINVAL) for a null table or a count outside 1..364.
- */
-int kt4IpcLoadMaxInstPerProcessTbl(const kt4IpcProcInstRow *rows, int count);
-/* Back to the default table (same restriction). */
-void kt4IpcResetMaxInstPerProcessTbl(void);
-int kt4IpcGetMaxProcTblEntries(void);                 /* 364 */
-int kt4IpcGetMaxProcInstEntriesVal(int service);      /* instances + largeInstances, or 0 */
-int kt4GetMaxInstPerProcessTblProcessId(int service); /* the service column, or -1 */
-int kt4IpcGetMaxProcInstFlagsVal(int service);        /* flags, or 0 */
-/* Offsets of a large-instance endpoint's records: instances and largeInstances; -1 for a
- * service outside the table. */
-int kt4IpcGGetProcessInstOffsetsVal(int service, uint32_t *firstOffset, uint32_t *secondOffset);
-/* 0 when (service, instance) may live in this process, else -1. */
-int kt4IpcTblChkProcInstLimit(int service, int instance);
-
 /* ---- Endpoints ----------------------------------------------------------------------- */
 
 /* The key, or -1 with errno: EINVAL for a service outside 13..363 or an instance this process
@@ -262,15 +223,8 @@ int kt4IpcSendWait(int key, void *buf, int len, int timeout, uint32_t msgType,
                    uint32_t transaction);
 int kt4IpcSendWaitWithRetry(int key, void *sendBuf, void *replyBuf, int sendLen, int replySize,
                             int timeout, uint32_t msgType, uint32_t transaction, int retries);
-/* Send-and-wait from the calling task to (service, instance) wherever it runs: 0 or -1. */
-int anyTaskIpcSendAndWait(uint32_t msgType, void *msg, int len, int service, int instance,
-                          void *reply, int replySize);
-/* The same, but the target's address comes from the task manager's retrying look-up for a
- * request queue (kt4_tmeGetTaskIpAddrByName2): it waits for a peer that is still starting,
- * and on a process-per-instance system reaches the master control card that serves the
- * service. anyTaskIpcSendAndWait looks once and fails at once when the peer is unknown. */
-int anyTaskIpcSendAndWait2(uint32_t msgType, void *msg, int len, int service, int instance,
-                           void *reply, int replySize);
+/* anyTaskIpcSendAndWait, anyTaskIpcSendAndWait2: <kt4/tme.h> (they find the target through
+ * the task registry). */
 
 /* Called as fn(arg, key) before every wait of kt4IpcRecv; null removes it. */
 typedef void (*kt4IpcRecvNotifier)(void *arg, int key);

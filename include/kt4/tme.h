@@ -17,6 +17,8 @@
 #define KT4_TME_H
 
 #include <kt4/common.h>
+#include <kt4/ident.h>
+#include <kt4/ipc.h>
 #include <kt4/vx2bsd.h>
 
 KT4_BEGIN_DECLS
@@ -42,9 +44,7 @@ int kt4TaskIdSelf(int key);
 /* Process id of the key's record; for a task of another process of the card, the process the
  * card's task table names. -1 for an invalid key or a task that no process runs. */
 int kt4ProcIdByKey(int key);
-/* Key of the calling task: its record of the lowest service, then the lowest instance; -1
- * when the calling task owns no record. */
-int kt4GetMyTaskKey(void);
+/* kt4GetMyTaskKey: <kt4/ident.h> */
 
 /* ---- Readiness ---- */
 
@@ -93,18 +93,6 @@ uint32_t kt4_tmeGetTaskIpAddrByName2(int service, int instance, int *status, int
  * its own in place (null restores the default); it is process-wide. */
 typedef void (*kt4TmeRetryWaitFn)(int ticks, void *arg);
 void kt4_tmeSetRetryWait(kt4TmeRetryWaitFn fn, void *arg);
-
-/* ---- Service names ---- */
-
-typedef struct kt4CodeText {
-    int code;
-    const char *text;
-} kt4CodeText;
-
-/* Service number to service name; the table ends with the entry { -1, NULL }. */
-extern const kt4CodeText kt4ServiceToNameTbl[];
-/* The text of code in a table ending with a null text, or "UNKNOWN". */
-const char *kt4CodeToText(const kt4CodeText *table, int code);
 
 /* ---- Creating tasks ---- */
 
@@ -166,8 +154,21 @@ int kt4_taskSpawnP(const char *name, int priority, int options, int stackSize, k
  * Returns the key, or -1 when the sockets cannot be opened. */
 int kt4TaskStartup(int key, int options);
 
-/* kt4TaskExit(tcb, name), the task manager's exit hook, is declared in <kt4/vx2bsd.h>: it is
- * called for every task that ends and releases the task's records, here and on the card. */
+/* The task manager's exit hook, which kt4VxToBsdInit registers as a delete hook: it is called
+ * for every task that ends and releases the task's records, here and on the card. */
+void kt4TaskExit(kt4Tcb *tcb, const char *name);
+
+/* ---- Send-and-wait by name ---- */
+
+/* Send-and-wait from the calling task to (service, instance) wherever it runs: 0 or -1. */
+int anyTaskIpcSendAndWait(uint32_t msgType, void *msg, int len, int service, int instance,
+                          void *reply, int replySize);
+/* The same, but the target's address comes from the task manager's retrying look-up for a
+ * request queue (kt4_tmeGetTaskIpAddrByName2): it waits for a peer that is still starting,
+ * and on a process-per-instance system reaches the master control card that serves the
+ * service. anyTaskIpcSendAndWait looks once and fails at once when the peer is unknown. */
+int anyTaskIpcSendAndWait2(uint32_t msgType, void *msg, int len, int service, int instance,
+                           void *reply, int replySize);
 
 KT4_END_DECLS
 

@@ -188,8 +188,15 @@ STATUS vx2bsdTimerCancel(VX2BSD_TIMER_ID timer);
 STATUS vx2bsdTimerDelete(VX2BSD_TIMER_ID timer);
 void process_vx2bsd_timer_list(void);
 
-/* ---- Task manager exit hook (registered at start-up) ---- */
-void kt4TaskExit(kt4Tcb *tcb, const char *name);
+/* ---- What the families above the task layer use ---- */
+
+/* Id of the task whose control block tcb is (the block a delete hook is given); the calling
+ * task's id for a null tcb. */
+int kt4TaskIdOfTcb(const kt4Tcb *tcb);
+/* The delete hook that kt4VxToBsdInit registers when it starts the process: the task manager's
+ * exit hook (kt4TaskExit in <kt4/tme.h>), set by the process start-up wiring before main runs.
+ * Null: none. Set it before kt4VxToBsdInit. */
+void kt4VxSetStartDeleteHook(kt4TaskDeleteHook hook);
 
 KT4_END_DECLS
 

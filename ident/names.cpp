@@ -3,7 +3,7 @@
 // Only the services that the library itself talks to are named here; every other service is
 // "UNKNOWN" until the platform's table grows. The table is C-visible so that a control process
 // can print names the way the registry does.
-#include <kt4/tme.h>
+#include <kt4/ident.h>
 
 extern "C" {
 

@@ -4,19 +4,19 @@
 // Lock order: shared-memory lock 5 (task registry) -> table_mutex -> nothing else. The
 // instance table is written only by its loader, before endpoints exist; readers take no lock
 // but read a stable snapshot published through an atomic pointer.
-#include "ipc/localinfo.h"
-#include "ipc/insttbl.h"
+#include "ident/localinfo.h"
+#include "ident/insttbl.h"
 
 #include "common/kt4_check.h"
 
 #include <kt4/common.h>
-#include <kt4/ipc.h>
+#include <kt4/ident.h>
 
 #include <atomic>
 #include <cerrno>
 #include <cstring>
 
-namespace kt4::ipc {
+namespace kt4::ident {
 namespace {
 
 pthread_mutex_t table_mutex = PTHREAD_MUTEX_INITIALIZER;
@@ -168,4 +168,4 @@ int localinfo_find_key(uint32_t taskId, uint32_t pid) {
     return key == 0 ? -1 : (key & ~0x40000000);
 }
 
-} // namespace kt4::ipc
+} // namespace kt4::ident

@@ -5,16 +5,16 @@
 // (which services live in which process) at start-up, before it opens endpoints. The table
 // in force is published through an atomic pointer; a replaced table is kept (never freed)
 // because a reader on another thread may still hold it.
-#include "ipc/insttbl.h"
-#include "ipc/localinfo.h"
+#include "ident/insttbl.h"
+#include "ident/localinfo.h"
 
 #include <kt4/common.h>
-#include <kt4/ipc.h>
+#include <kt4/ident.h>
 
 #include <atomic>
 #include <cerrno>
 
-namespace kt4::ipc {
+namespace kt4::ident {
 namespace {
 
 struct Table {
@@ -60,9 +60,9 @@ int inst_table_offsets(int service, uint32_t *first, uint32_t *second) {
     return 0;
 }
 
-} // namespace kt4::ipc
+} // namespace kt4::ident
 
-using namespace kt4::ipc;
+using namespace kt4::ident;
 
 extern "C" {
 

@@ -27,7 +27,7 @@
 #include <cstddef>
 #include <cstdint>
 
-namespace kt4::ipc {
+namespace kt4::ident {
 
 // ---- Constants of the record -----------------------------------------------------------
 inline constexpr uint32_t kLocalInfoMagic = 0xFEEDBEAD; // record claimed by a task
@@ -60,8 +60,9 @@ struct IpcLink {
 };
 
 // ---- Budget of warnings about dropped datagrams ----------------------------------------
-// A token bucket per endpoint (ipc/report.cpp): a burst of warnings, then one a second, and
-// a count of those held back. All zero is a full bucket. Guarded by report.cpp's own mutex.
+// A token bucket per endpoint (ipc/drop_warnings.cpp): a burst of warnings, then one a
+// second, and a count of those held back. All zero is a full bucket. Guarded by
+// drop_warnings.cpp's own mutex.
 struct WarnBudget {
     uint64_t lastRefillUsec; // monotonic time the tokens were last counted up to
     uint32_t tokens;
@@ -141,4 +142,4 @@ int localinfo_for_each(int (*fn)(int service, int index, TaskLocalInfo *rec, voi
 // Fresh state of a record: unclaimed, no sockets (used when a service's array is made).
 void localinfo_reset(TaskLocalInfo *rec);
 
-} // namespace kt4::ipc
+} // namespace kt4::ident

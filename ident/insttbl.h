@@ -7,7 +7,7 @@
 
 #include <cstdint>
 
-namespace kt4::ipc {
+namespace kt4::ident {
 
 // One row as the library keeps it (big-endian words, in the documented order).
 struct InstRow {
@@ -26,4 +26,4 @@ uint32_t inst_table_records(int service);
 // instances and largeInstances; -1 outside the table.
 int inst_table_offsets(int service, uint32_t *first, uint32_t *second);
 
-} // namespace kt4::ipc
+} // namespace kt4::ident
