@@ -132,19 +132,26 @@ void release(kt4AvlCb *cb, Node *n) {
         kt4MC_free(kTag, __LINE__, n);
 }
 
+// The checks every entry point starts with: the control block, then (when treeText names it)
+// the tree argument, each reported under the name the system gives it. false: go no further.
+bool args_ok(const kt4AvlCb *cb, const void *tree, const char *treeText, int line) {
+    if (cb == nullptr) {
+        _kt4Assert("avlcb", kTag, line);
+        return false;
+    }
+    if (treeText != nullptr && tree == nullptr) {
+        _kt4Assert(treeText, kTag, line);
+        return false;
+    }
+    return true;
+}
+
 } // namespace
 
 extern "C" {
 
 kt4AvlNode *kt4AvlInsertNode(kt4AvlCb *cb, kt4AvlNode *node, kt4AvlNode **root) {
-    if (cb == nullptr) {
-        _kt4Assert("avlcb", kTag, __LINE__);
-        return nullptr;
-    }
-    if (root == nullptr) {
-        _kt4Assert("tree", kTag, __LINE__);
-        return nullptr;
-    }
+    if (!args_ok(cb, root, "tree", __LINE__)) return nullptr;
     if (node == nullptr) return node;
     node->keylen = cb->avl_keylen;
     Node *present = nullptr;
@@ -155,28 +162,14 @@ kt4AvlNode *kt4AvlInsertNode(kt4AvlCb *cb, kt4AvlNode *node, kt4AvlNode **root) 
 }
 
 void kt4AvlRemoveNode(kt4AvlCb *cb, kt4AvlNode *node, kt4AvlNode **root) {
-    if (cb == nullptr) {
-        _kt4Assert("avlcb", kTag, __LINE__);
-        return;
-    }
-    if (root == nullptr) {
-        _kt4Assert("ptree", kTag, __LINE__);
-        return;
-    }
+    if (!args_ok(cb, root, "ptree", __LINE__)) return;
     if (node == nullptr) return;
     node->keylen = cb->avl_keylen;
     *root = remove(*root, node);
 }
 
 kt4AvlNode *kt4AvlGetExact(kt4AvlCb *cb, const void *key, kt4AvlNode **root) {
-    if (cb == nullptr) {
-        _kt4Assert("avlcb", kTag, __LINE__);
-        return nullptr;
-    }
-    if (root == nullptr) {
-        _kt4Assert("tree", kTag, __LINE__);
-        return nullptr;
-    }
+    if (!args_ok(cb, root, "tree", __LINE__)) return nullptr;
     if (key == nullptr) return nullptr;
     const uint32_t len = be(cb->avl_keylen);
     Node *n = *root;
@@ -189,10 +182,7 @@ kt4AvlNode *kt4AvlGetExact(kt4AvlCb *cb, const void *key, kt4AvlNode **root) {
 }
 
 kt4AvlNode *kt4AvlGetNext(kt4AvlCb *cb, kt4AvlNode *current, kt4AvlNode *root) {
-    if (cb == nullptr) {
-        _kt4Assert("avlcb", kTag, __LINE__);
-        return nullptr;
-    }
+    if (!args_ok(cb, cb, nullptr, __LINE__)) return nullptr;
     if (current == nullptr) return leftmost(root);
     if (current->right != nullptr) return leftmost(current->right);
     // The first key greater than the current one in order. In a search tree the descent finds
@@ -212,14 +202,7 @@ kt4AvlNode *kt4AvlGetNext(kt4AvlCb *cb, kt4AvlNode *current, kt4AvlNode *root) {
 }
 
 void kt4AvlDeleteTree(kt4AvlCb *cb, kt4AvlNode **root) {
-    if (cb == nullptr) {
-        _kt4Assert("avlcb", kTag, __LINE__);
-        return;
-    }
-    if (root == nullptr) {
-        _kt4Assert("tree", kTag, __LINE__);
-        return;
-    }
+    if (!args_ok(cb, root, "tree", __LINE__)) return;
     while (Node *top = *root) {
         top->keylen = cb->avl_keylen;
         *root = remove(top, top);

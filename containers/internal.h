@@ -91,3 +91,15 @@ kt4RBTree *rbtree_init_header(kt4RBTree *t, const char *name, uint32_t key_offse
                               kt4RBTreeCompareFn compare);
 
 } // namespace kt4::ctr
+
+// Every red-black tree operation on a handle starts here: a null handle cannot be used, a
+// damaged magic is reported and the operation carries on. The tag is the file's kTag.
+#define RBT_CHECK(t, fail)                                                                         \
+    do {                                                                                           \
+        if (KT4_UNLIKELY((t) == nullptr)) {                                                        \
+            _kt4Assert("rbtt", kTag, __LINE__);                                                    \
+            fail;                                                                                  \
+        }                                                                                          \
+        if (KT4_UNLIKELY(::kt4::ctr::be((t)->rbtt_magic).get() != KT4_RBTREE_MAGIC))               \
+            _kt4Assert("rbtt->rbtt_magic == 0xdeadbeef", kTag, __LINE__);                          \
+    } while (0)

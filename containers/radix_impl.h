@@ -3,6 +3,7 @@
 #pragma once
 
 #include "common/kt4_be.h"
+#include "containers/internal.h"
 
 #include <kt4/log.h>
 #include <kt4/radix.h>
@@ -10,7 +11,6 @@
 namespace kt4::radix {
 
 static_assert(sizeof(kt4Be16) == sizeof(kt4::be16) && sizeof(kt4Be64) == sizeof(kt4::be64));
-static_assert(sizeof(kt4Be32) == sizeof(kt4::be32));
 
 // The public records declare their integers as byte arrays (C-visible); here they are read
 // and written through the library's byte-order field types, which have the same layout.
@@ -20,12 +20,7 @@ inline kt4::be16 &be(kt4Be16 &f) {
 inline const kt4::be16 &be(const kt4Be16 &f) {
     return *reinterpret_cast<const kt4::be16 *>(&f);
 }
-inline kt4::be32 &be(kt4Be32 &f) {
-    return *reinterpret_cast<kt4::be32 *>(&f);
-}
-inline const kt4::be32 &be(const kt4Be32 &f) {
-    return *reinterpret_cast<const kt4::be32 *>(&f);
-}
+using kt4::ctr::be; // the 32-bit views, shared with the rest of the family
 inline kt4::be64 &be(kt4Be64 &f) {
     return *reinterpret_cast<kt4::be64 *>(&f);
 }
@@ -41,18 +36,15 @@ using Node = kt4RadixNode;
 using Entry = kt4RadixEntry;
 using Tree = kt4RadixTree;
 
-#define RDX_LIKELY(x) __builtin_expect(!!(x), 1)
-#define RDX_UNLIKELY(x) __builtin_expect(!!(x), 0)
-
 // Every tree operation starts here: a null handle cannot be used, a damaged magic is reported
 // and the operation carries on, as every assertion of the system does.
 #define RDX_CHECK(t, tag, fail)                                                                    \
     do {                                                                                           \
-        if (RDX_UNLIKELY((t) == nullptr)) {                                                        \
+        if (KT4_UNLIKELY((t) == nullptr)) {                                                        \
             _kt4Assert("rtt", (tag), __LINE__);                                                    \
             fail;                                                                                  \
         }                                                                                          \
-        if (RDX_UNLIKELY(::kt4::radix::be((t)->rtt_magic).get() != KT4_RADIX_MAGIC))               \
+        if (KT4_UNLIKELY(::kt4::radix::be((t)->rtt_magic).get() != KT4_RADIX_MAGIC))               \
             _kt4Assert("rtt->rtt_magic == 0xdeadbeef", (tag), __LINE__);                           \
     } while (0)
 

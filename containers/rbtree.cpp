@@ -25,16 +25,6 @@ constexpr uint32_t kMaxVisitsUnlimited = 0xFFFFFFFFu;
 using Node = kt4RBTreeNode;
 using Tree = kt4RBTree;
 
-#define RBT_CHECK(t, fail)                                                                         \
-    do {                                                                                           \
-        if (KT4_UNLIKELY((t) == nullptr)) {                                                        \
-            _kt4Assert("rbtt", kTag, __LINE__);                                                    \
-            fail;                                                                                  \
-        }                                                                                          \
-        if (KT4_UNLIKELY(be((t)->rbtt_magic).get() != KT4_RBTREE_MAGIC))                           \
-            _kt4Assert("rbtt->rbtt_magic == 0xdeadbeef", kTag, __LINE__);                          \
-    } while (0)
-
 #define RBT_DATA(t, d)                                                                             \
     do {                                                                                           \
         if (KT4_UNLIKELY((d) == nullptr) && be((t)->rbtt_debug).get() == 1)                        \

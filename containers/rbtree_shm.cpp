@@ -26,12 +26,7 @@ kt4RBTree *kt4RBTreeShmCreate(const char *name, uint32_t keyOffset, uint32_t key
 }
 
 int kt4RBTreeShmDestroy(kt4RBTree *tree) {
-    if (tree == nullptr) {
-        _kt4Assert("rbtt", kTag, __LINE__);
-        return -1;
-    }
-    if (be(tree->rbtt_magic).get() != KT4_RBTREE_MAGIC)
-        _kt4Assert("rbtt->rbtt_magic == 0xdeadbeef", kTag, __LINE__);
+    RBT_CHECK(tree, return -1);
     be(tree->rbtt_magic) = 0;
     return kt4MC_MM_free(kTag, __LINE__, tree);
 }

@@ -23,6 +23,7 @@
 #include "mem/mem_report.h"
 
 #include "common/kt4_check.h"
+#include "common/kt4_clock.h"
 
 #include <kt4/log.h>
 
@@ -120,10 +121,10 @@ Sample sample;
 pthread_mutex_t sampleLock = PTHREAD_MUTEX_INITIALIZER;
 std::atomic<kt4MemUsageFn> usageHook{nullptr};
 
+// The coarse clock: a sample is good for a fraction of a second, and this is asked on every
+// pass through the gate.
 int64_t nowNs() {
-    timespec ts;
-    clock_gettime(CLOCK_MONOTONIC_COARSE, &ts);
-    return static_cast<int64_t>(ts.tv_sec) * 1000000000 + ts.tv_nsec;
+    return kt4::mono_ns(CLOCK_MONOTONIC_COARSE);
 }
 
 uint64_t field(const char *text, const char *name) {
@@ -258,34 +259,28 @@ int checkUsage(uint32_t size, const char *requester) {
     {
         kt4::MutexGuard g(gateLock);
         kt4MemStatCB &s = *pMemStatCB;
+        // One state at a time; its message is logged on the first entry only, until usage
+        // falls below the warning mark and clears the latches.
+        auto enter = [&](auto &state, auto &latch, auto &msgs, GateMsg m) {
+            s.warning = s.lowWater = s.highHighWater = 0;
+            state = 1;
+            if (!latch) {
+                latch = 1;
+                ++msgs;
+                msg = m;
+            }
+        };
         if (u < kWarnMark) {
             s.warning = s.lowWater = s.highHighWater = 0;
             s.warningLatch = s.lowWaterLatch = s.highHighWaterLatch = 0;
         } else if (u < kLowWaterMark) {
-            s.warning = 1;
-            s.lowWater = s.highHighWater = 0;
-            if (!s.warningLatch) {
-                s.warningLatch = 1;
-                ++s.warningMsgs;
-                msg = GateMsg::Warning;
-            }
+            enter(s.warning, s.warningLatch, s.warningMsgs, GateMsg::Warning);
         } else if (u < kHighHighWaterMark) {
-            s.lowWater = 1;
-            s.warning = s.highHighWater = 0;
-            if (!s.lowWaterLatch) {
-                s.lowWaterLatch = 1;
-                ++s.lowWaterMsgs;
-                msg = GateMsg::LowWater;
-            }
+            enter(s.lowWater, s.lowWaterLatch, s.lowWaterMsgs, GateMsg::LowWater);
             rc = critical == 0 ? 0 : -1;
         } else {
-            s.highHighWater = 1;
-            s.warning = s.lowWater = 0;
-            if (!s.highHighWaterLatch) {
-                s.highHighWaterLatch = 1;
-                ++s.highHighWaterMsgs;
-                msg = GateMsg::HighHighWater;
-            }
+            enter(s.highHighWater, s.highHighWaterLatch, s.highHighWaterMsgs,
+                  GateMsg::HighHighWater);
             rc = -1;
         }
     }

@@ -173,9 +173,6 @@ inline void copyName(char *dst, size_t cap, const char *src) {
     dst[n] = '\0';
 }
 
-// Partition table access (atomic slots: tasks read it without a lock).
-Partition *partGet(int partId);
-
 // Chunk verification, the allocator's only reader of headers that callers can overwrite.
 // Returns OK or ERROR (reported).
 int verifyChnk(int mode, PageHdr *curPage, ChnkHdr *chnkHdr);

@@ -13,6 +13,7 @@
 #include <kt4/timer.h>
 
 #include "common/kt4_be.h"
+#include "common/kt4_clock.h"
 
 #include <cstdio>
 #include <cstring>
@@ -21,32 +22,20 @@ namespace {
 
 constexpr const char *kTag = "kt4ListTimer";
 constexpr uint32_t kMagic = 0xFEFEBABA;
-constexpr long kNsPerSec = 1000000000L;
 constexpr timespec kDefaultMinTimeout{0, 20000000L};
 
 using Node = kt4ListTimerNode;
 
-timespec now_mono() {
-    timespec ts;
-    clock_gettime(CLOCK_MONOTONIC, &ts);
-    return ts;
-}
+using kt4::ts_add;
+using kt4::ts_cmp;
+using kt4::ts_sub;
 
-timespec ts_add(const timespec &a, const timespec &b) {
-    timespec r;
-    kt4GetTimespecTimeSum(&a, &b, &r);
-    return r;
-}
-
-// a - b
-timespec ts_sub(const timespec &a, const timespec &b) {
-    timespec r;
-    kt4GetTimespecTimeDiff(&b, &a, &r);
-    return r;
-}
-
-int ts_cmp(const timespec &a, const timespec &b) {
-    return kt4TimespecTimeCmp(&a, &b);
+// The debug line of a start: where the timer went, what it wants and when it was asked.
+void trace_start(const char *fn, const char *where, const Node *t, const timespec &now) {
+    if (listTimerDbg)
+        std::printf("%s: %s - wanted(%ld.%09ld) reqAt(%ld.%09ld)\r\n", fn, where,
+                    static_cast<long>(t->wanted.tv_sec), t->wanted.tv_nsec,
+                    static_cast<long>(now.tv_sec), now.tv_nsec);
 }
 
 } // namespace
@@ -94,7 +83,7 @@ void stop_timer(kt4ListTimerCB *cb, Node *t, const char *fn) {
             return;
         }
         // Whatever the head had left passes to its successor, now counted from this moment.
-        timespec now = now_mono();
+        timespec now = kt4::mono_now();
         timespec remaining = ts_sub(t->delta, ts_sub(now, cb->headStart));
         n->delta = ts_add(n->delta, remaining);
         cb->headStart = now;
@@ -121,31 +110,19 @@ int listTimerDbg = 0;
 
 int kt4GetTimespecTimeSum(const struct timespec *a, const struct timespec *b, struct timespec *r) {
     if (a == nullptr || b == nullptr || r == nullptr) return -1;
-    timespec s{a->tv_sec + b->tv_sec, a->tv_nsec + b->tv_nsec};
-    if (s.tv_nsec >= kNsPerSec) {
-        s.tv_nsec -= kNsPerSec;
-        ++s.tv_sec;
-    }
-    *r = s;
+    *r = ts_add(*a, *b);
     return 0;
 }
 
 int kt4GetTimespecTimeDiff(const struct timespec *a, const struct timespec *b, struct timespec *r) {
     if (a == nullptr || b == nullptr || r == nullptr) return -1;
-    timespec d{b->tv_sec - a->tv_sec, b->tv_nsec - a->tv_nsec};
-    if (d.tv_nsec < 0) {
-        d.tv_nsec += kNsPerSec;
-        --d.tv_sec;
-    }
-    *r = d;
+    *r = ts_sub(*b, *a);
     return 0;
 }
 
 int kt4TimespecTimeCmp(const struct timespec *a, const struct timespec *b) {
     if (a == nullptr || b == nullptr) return a == b ? 0 : (a == nullptr ? -1 : 1);
-    if (a->tv_sec != b->tv_sec) return a->tv_sec < b->tv_sec ? -1 : 1;
-    if (a->tv_nsec != b->tv_nsec) return a->tv_nsec < b->tv_nsec ? -1 : 1;
-    return 0;
+    return ts_cmp(*a, *b);
 }
 
 kt4ListTimerCB *kt4ListTimerNew(const struct timespec *minTimeout, KT4_LIST_TIMER_FN startFn,
@@ -176,9 +153,8 @@ int kt4ListStartTimer(kt4ListTimerCB *cb, kt4ListTimerNode *timer, uint32_t ms) 
     if (cb == nullptr || timer == nullptr) return -1;
     if (running(cb, timer)) stop_timer(cb, timer, __func__);
 
-    timespec now = now_mono();
-    timer->wanted =
-        timespec{static_cast<time_t>(ms / 1000), static_cast<long>(ms % 1000) * 1000000L};
+    timespec now = kt4::mono_now();
+    timer->wanted = kt4::ts_from_ns(static_cast<int64_t>(ms) * kt4::kNsPerMsec);
     timer->reqAt = now;
     clear_links(timer);
 
@@ -187,10 +163,7 @@ int kt4ListStartTimer(kt4ListTimerCB *cb, kt4ListTimerNode *timer, uint32_t ms) 
         cb->headStart = now;
         timer->delta = timer->wanted;
         cb->head = timer;
-        if (listTimerDbg)
-            std::printf("%s: Adding timer as head - wanted(%ld.%09ld) reqAt(%ld.%09ld)\r\n",
-                        __func__, static_cast<long>(timer->wanted.tv_sec), timer->wanted.tv_nsec,
-                        static_cast<long>(now.tv_sec), now.tv_nsec);
+        trace_start(__func__, "Adding timer as head", timer, now);
         if (cb->startFn != nullptr) cb->startFn(timer);
         return 0;
     }
@@ -215,10 +188,7 @@ int kt4ListStartTimer(kt4ListTimerCB *cb, kt4ListTimerNode *timer, uint32_t ms) 
         timer->prev = prev;
         timer->next = cur;
         prev->next = timer;
-        if (listTimerDbg)
-            std::printf("%s: New timer added to the list - wanted(%ld.%09ld) reqAt(%ld.%09ld)\r\n",
-                        __func__, static_cast<long>(timer->wanted.tv_sec), timer->wanted.tv_nsec,
-                        static_cast<long>(now.tv_sec), now.tv_nsec);
+        trace_start(__func__, "New timer added to the list", timer, now);
         return 0;
     }
 
@@ -228,10 +198,7 @@ int kt4ListStartTimer(kt4ListTimerCB *cb, kt4ListTimerNode *timer, uint32_t ms) 
     timer->delta = timer->wanted;
     cb->head = timer;
     cb->headStart = now;
-    if (listTimerDbg)
-        std::printf("%s: Existing head timer replaced - wanted(%ld.%09ld) reqAt(%ld.%09ld)\r\n",
-                    __func__, static_cast<long>(timer->wanted.tv_sec), timer->wanted.tv_nsec,
-                    static_cast<long>(now.tv_sec), now.tv_nsec);
+    trace_start(__func__, "Existing head timer replaced", timer, now);
     if (cb->startFn != nullptr) cb->startFn(timer);
     return 0;
 }
@@ -247,7 +214,7 @@ int kt4ListTimerTick(kt4ListTimerCB *cb) {
     Node *head = cb->head;
     if (head == nullptr) return 0;
 
-    timespec now = now_mono();
+    timespec now = kt4::mono_now();
     timespec due = ts_add(cb->headStart, head->delta);
     if (Node *n = head->next; n != nullptr) {
         if (ts_cmp(now, due) < 0) {
@@ -287,7 +254,7 @@ int kt4ListTimerGetTimevalTimeout(kt4ListTimerCB *cb, struct timeval **tv) {
         *tv = nullptr; // no timer: select waits without a timeout
         return 0;
     }
-    timespec remaining = ts_sub(cb->head->delta, ts_sub(now_mono(), cb->headStart));
+    timespec remaining = ts_sub(cb->head->delta, ts_sub(kt4::mono_now(), cb->headStart));
     if (remaining.tv_sec < 0) remaining = timespec{0, 0};
     (*tv)->tv_sec = remaining.tv_sec;
     (*tv)->tv_usec = static_cast<suseconds_t>(remaining.tv_nsec / 1000);
@@ -300,7 +267,7 @@ int kt4ListTimerGetTimevalTimeout(kt4ListTimerCB *cb, struct timeval **tv) {
 int kt4ListPrintTimers(kt4ListTimerCB *cb) {
     if (cb == nullptr) return -1;
     if (cb->magic != kMagic) std::printf("The timer CB is corrupted!!!\r\n");
-    timespec now = now_mono();
+    timespec now = kt4::mono_now();
     std::printf("Now: %ld sec %ld nanosec\r\n", static_cast<long>(now.tv_sec), now.tv_nsec);
     Node *t = cb->head;
     if (t == nullptr) {

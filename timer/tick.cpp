@@ -6,6 +6,8 @@
 // half of each.
 #include <kt4/timer.h>
 
+#include "common/kt4_clock.h"
+
 #include <errno.h>
 #include <signal.h>
 #include <time.h>
@@ -14,15 +16,8 @@
 
 namespace {
 
-constexpr int kTicksPerSecond = 50;
-constexpr uint64_t kNsPerTick = 1000000000ull / kTicksPerSecond;
-
-uint64_t raw_ticks() {
-    timespec ts;
-    clock_gettime(CLOCK_MONOTONIC, &ts);
-    return (static_cast<uint64_t>(ts.tv_sec) * 1000000000ull + static_cast<uint64_t>(ts.tv_nsec)) /
-           kNsPerTick;
-}
+using kt4::kTicksPerSecond;
+using kt4::mono_ticks;
 
 std::atomic<uint64_t> tick_correction{0};
 
@@ -35,7 +30,7 @@ int sysClkRateGet(void) {
 }
 
 uint64_t tick64Get(void) {
-    return raw_ticks() + tick_correction.load(std::memory_order_acquire);
+    return mono_ticks() + tick_correction.load(std::memory_order_acquire);
 }
 
 uint64_t kt4TickGet(void) {
@@ -53,7 +48,7 @@ void tick64Set(uint32_t high, uint32_t low) {
     sigfillset(&all);
     pthread_sigmask(SIG_BLOCK, &all, &old);
     uint64_t want = (static_cast<uint64_t>(high) << 32) | low;
-    tick_correction.store(want - raw_ticks(), std::memory_order_release);
+    tick_correction.store(want - mono_ticks(), std::memory_order_release);
     pthread_sigmask(SIG_SETMASK, &old, nullptr);
 }
 

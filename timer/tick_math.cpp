@@ -7,6 +7,8 @@
 // factors are zero, and a wrap that this rule does not catch gives the low bits.
 #include <kt4/timer.h>
 
+#include "common/kt4_clock.h"
+
 #include <climits>
 #include <cstdio>
 
@@ -16,7 +18,7 @@ constexpr uint64_t join(uint32_t high, uint32_t low) {
     return (static_cast<uint64_t>(high) << 32) | low;
 }
 
-constexpr uint64_t kTicksPerSecond = 50;
+constexpr uint64_t kTicksPerSecond = kt4::kTicksPerSecond;
 
 char *format_duration(uint64_t seconds, char *buf) {
     uint64_t w = seconds / (7 * 86400);

@@ -17,6 +17,8 @@
 #include <kt4/log.h>
 #include <kt4/radix.h>
 #include <kt4/timer.h>
+
+#include "common/kt4_clock.h"
 #include <kt4/vx2bsd.h>
 
 #include "common/kt4_be.h"
@@ -29,7 +31,7 @@
 namespace {
 
 constexpr const char *kTag = "kt4TimerLib";
-constexpr uint64_t kTicksPerSecond = 50;
+constexpr uint64_t kTicksPerSecond = kt4::kTicksPerSecond;
 
 // The library's notion of now is tick64Get() plus this offset (kt4TimerTickSet).
 std::atomic<uint64_t> kt4TimerTickOffset{0};

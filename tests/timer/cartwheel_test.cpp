@@ -28,15 +28,7 @@ void print_rec(void *t) {
     std::printf("rec %d\r\n", static_cast<Rec *>(t)->id);
 }
 
-int allocs, frees;
-void *count_alloc(size_t n) {
-    ++allocs;
-    return std::malloc(n);
-}
-void count_free(void *p) {
-    ++frees;
-    std::free(p);
-}
+using namespace kt4test; // the counting allocation hooks
 
 class Cartwheel : public testing::Test {
   protected:

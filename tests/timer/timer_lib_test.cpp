@@ -16,17 +16,7 @@
 
 namespace {
 
-using kt4test::stdout_of;
-
-int allocs, frees;
-void *count_alloc(size_t n) {
-    ++allocs;
-    return std::malloc(n);
-}
-void count_free(void *p) {
-    ++frees;
-    std::free(p);
-}
+using namespace kt4test; // stdout_of and the counting allocation hooks
 
 std::vector<uintptr_t> fired, fired2;
 std::function<void(uintptr_t)> hook;

@@ -3,10 +3,11 @@
 
 #include <kt4/timer.h>
 
+#include "common/kt4_clock.h"
+
 #include <gtest/gtest.h>
 
-#include <time.h>
-
+#include <cstdlib>
 #include <string>
 
 namespace kt4test {
@@ -18,14 +19,22 @@ struct TickRestore {
     TickRestore(const TickRestore &) = delete;
     TickRestore &operator=(const TickRestore &) = delete;
     ~TickRestore() {
-        timespec ts;
-        clock_gettime(CLOCK_MONOTONIC, &ts);
-        uint64_t raw =
-            (static_cast<uint64_t>(ts.tv_sec) * 1000000000ull + static_cast<uint64_t>(ts.tv_nsec)) /
-            20000000ull;
+        const uint64_t raw = kt4::mono_ticks();
         tick64Set(static_cast<uint32_t>(raw >> 32), static_cast<uint32_t>(raw));
     }
 };
+
+// Allocation hooks for the timer families that count what a test's timers took and gave back
+// (one test at a time: the fixture clears them).
+inline int allocs, frees;
+inline void *count_alloc(size_t n) {
+    ++allocs;
+    return std::malloc(n);
+}
+inline void count_free(void *p) {
+    ++frees;
+    std::free(p);
+}
 
 // What a call printed on standard output.
 template <typename F> std::string stdout_of(F &&f) {
