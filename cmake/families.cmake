@@ -27,7 +27,7 @@ set(KT4_USES_tme common log vx2bsd containers timer platform ident ipc)
 set(KT4_USES_ifm common)
 set(KT4_USES_startup common log vx2bsd containers timer mem platform ident ipc tme ifm)
 
-set(KT4_SHARES_common kt4_be.h kt4_check.h kt4_clock.h kt4_mc.h atomic_be32.h)
+set(KT4_SHARES_common kt4_be.h kt4_check.h kt4_clock.h kt4_mc.h kt4_proc.h atomic_be32.h)
 set(KT4_SHARES_log log_internal.h trace_ring.h)
 set(KT4_SHARES_vx2bsd "")
 set(KT4_SHARES_containers "")

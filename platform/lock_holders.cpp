@@ -4,6 +4,8 @@
 // report takes lock 4, whose section may be the one held).
 #include "platform/lock_holders.h"
 
+#include "common/kt4_proc.h"
+
 #include "common/kt4_be.h"
 #include "common/kt4_check.h"
 #include "platform/shm_area.h"
@@ -245,45 +247,22 @@ int recover(int (*key)(int slot), Recovered *out, int max, int only) {
 }
 
 uint64_t process_start(int pid) {
-    char path[64];
-    std::snprintf(path, sizeof path, "/proc/%d/stat", pid);
-    int fd = open(path, O_RDONLY | O_CLOEXEC);
-    if (fd < 0) return 0;
-    char buf[1024];
-    ssize_t n = read(fd, buf, sizeof buf - 1);
-    close(fd);
-    if (n <= 0) return 0;
-    buf[n] = '\0';
-    // "pid (comm) state ppid ... starttime": the name may hold blanks and parentheses, so
-    // count fields from the last ')'. The start time is field 22, the 20th after the name.
-    char *p = std::strrchr(buf, ')');
-    if (p == nullptr) return 0;
-    for (int field = 0; field < 20 && p != nullptr; ++field)
-        p = std::strchr(p + 1, ' ');
-    if (p == nullptr) return 0;
-    return std::strtoull(p + 1, nullptr, 10);
+    kt4::ProcStat st{};
+    return kt4::proc_stat(pid, &st) ? st.start : 0;
 }
 
 bool process_gone(int pid, uint64_t start) {
     if (pid <= 0) return true;
-    char path[64];
-    std::snprintf(path, sizeof path, "/proc/%d/stat", pid);
-    int fd = open(path, O_RDONLY | O_CLOEXEC);
-    if (fd < 0) {
+    kt4::ProcStat st{};
+    if (!kt4::proc_stat(pid, &st)) {
+        if (errno == EINVAL) return false; // a line we cannot read: keep what it holds
         // Without /proc, only the pid can be asked about.
-        if (access("/proc/self/stat", R_OK) != 0) return kill(pid, 0) != 0 && errno == ESRCH;
+        if (errno != ENOENT && access("/proc/self/stat", R_OK) != 0)
+            return kill(pid, 0) != 0 && errno == ESRCH;
         return true;
     }
-    char buf[1024];
-    ssize_t n = read(fd, buf, sizeof buf - 1);
-    close(fd);
-    if (n <= 0) return true;
-    buf[n] = '\0';
-    const char *p = std::strrchr(buf, ')');
-    if (p == nullptr || p[1] != ' ') return false;
-    char state = p[2];
-    if (state == 'Z' || state == 'X' || state == 'x') return true; // killed, not yet collected
-    return start != 0 && process_start(pid) != start;              // the pid was reused
+    if (kt4::proc_ended(st.state)) return true; // killed, not yet collected
+    return start != 0 && st.start != start;     // the pid was reused
 }
 
 } // namespace kt4::holders

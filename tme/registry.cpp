@@ -12,6 +12,8 @@
 // entries of the dead ones; a process that ends normally clears its own at exit.
 #include "tme/registry.h"
 
+#include "common/kt4_proc.h"
+
 #include "ident/endpoint_hooks.h"
 
 #include "platform/shm_area.h"
@@ -201,20 +203,10 @@ bool process_alive(int pid) {
     if (pid == static_cast<int>(getpid())) return true;
     if (kill(pid, 0) != 0 && errno == ESRCH) return false;
     // A child that has ended but not been collected still answers kill(); its state in /proc
-    // says it is gone.
-    char path[48];
-    std::snprintf(path, sizeof path, "/proc/%d/stat", pid);
-    int fd = open(path, O_RDONLY | O_CLOEXEC);
-    if (fd < 0) return errno != ENOENT;
-    char buf[256];
-    ssize_t n = read(fd, buf, sizeof buf - 1);
-    close(fd);
-    if (n <= 0) return true;
-    buf[n] = '\0';
-    const char *paren = std::strrchr(buf, ')');
-    if (paren == nullptr || paren[1] == '\0' || paren[2] == '\0') return true;
-    char state = paren[2];
-    return state != 'Z' && state != 'X';
+    // says it is gone. A process /proc cannot tell about is taken as alive.
+    kt4::ProcStat st{};
+    if (!kt4::proc_stat(pid, &st)) return errno != ENOENT;
+    return !kt4::proc_ended(st.state);
 }
 
 bool table_available() {
