@@ -12,7 +12,7 @@ top=$PWD
 jobs=$(nproc 2>/dev/null || echo 2)
 
 # Directories whose tests run under ThreadSanitizer too.
-TSAN_DIRS="vx2bsd timer platform log mem ipc tme swp"
+TSAN_DIRS="vx2bsd timer platform log mem ipc tme swp containers radix ifm"
 
 need_packages() {
     local pkgs="cmake ninja-build g++ clang libclang-rt-14-dev libgtest-dev libgmock-dev libbenchmark-dev ccache pkg-config iproute2"
@@ -58,6 +58,17 @@ test)
     echo "== normal build"
     build_normal
     run_ctest normal
+    # CTest runs every case in a process of its own; once more, each binary runs all its cases
+    # in one process, in a random order and twice, to catch state left from one case to the
+    # next (KT4_SHUFFLE_SEED repeats a given order).
+    seed=${KT4_SHUFFLE_SEED:-$((RANDOM + 1))}
+    echo "== shuffled and repeated (gtest seed $seed)"
+    find build/normal -type f -name 'test_*' -perm -u+x | sort | while read -r b; do
+        echo "-- ${b#build/normal/}"
+        (cd "$(dirname "$b")" && timeout 900 "./$(basename "$b")" --gtest_shuffle \
+            --gtest_random_seed="$seed" --gtest_repeat=2 --gtest_brief=1) ||
+            { echo "== $b failed with --gtest_random_seed=$seed" >&2; exit 1; }
+    done
     echo "== ASan+UBSan build"
     configure asan -DCMAKE_BUILD_TYPE=Debug -DKT4_SANITIZE=address -DKT4_BUILD_BENCH=OFF
     cmake --build build/asan -j "$jobs"

@@ -48,9 +48,18 @@ struct kt4ListTimerCB {
     KT4_LIST_TIMER_FN startFn;
     KT4_LIST_TIMER_FN stopFn;
     KT4_LIST_TIMER_FN tmrExpiryHandler;
+    KT4_LIST_TIMER_CLOCK_FN clock; // null: the monotonic clock
 };
 
 namespace {
+
+// The list's reading of the time: its own clock when one is set.
+timespec now_of(const kt4ListTimerCB *cb) {
+    if (cb->clock == nullptr) return kt4::mono_now();
+    timespec ts{0, 0};
+    cb->clock(&ts);
+    return ts;
+}
 
 bool running(const kt4ListTimerCB *cb, const Node *t) {
     // Every timer but the head has a predecessor; the head is known to the control block.
@@ -83,7 +92,7 @@ void stop_timer(kt4ListTimerCB *cb, Node *t, const char *fn) {
             return;
         }
         // Whatever the head had left passes to its successor, now counted from this moment.
-        timespec now = kt4::mono_now();
+        timespec now = now_of(cb);
         timespec remaining = ts_sub(t->delta, ts_sub(now, cb->headStart));
         n->delta = ts_add(n->delta, remaining);
         cb->headStart = now;
@@ -140,7 +149,14 @@ kt4ListTimerCB *kt4ListTimerNew(const struct timespec *minTimeout, KT4_LIST_TIME
     cb->startFn = startFn;
     cb->stopFn = stopFn;
     cb->tmrExpiryHandler = tmrExpiryHandler;
+    cb->clock = nullptr;
     return cb;
+}
+
+int kt4ListTimerSetClock(kt4ListTimerCB *cb, KT4_LIST_TIMER_CLOCK_FN clock) {
+    if (cb == nullptr) return -1;
+    cb->clock = clock;
+    return 0;
 }
 
 void kt4ListTimerDestroy(kt4ListTimerCB *cb) {
@@ -153,7 +169,7 @@ int kt4ListStartTimer(kt4ListTimerCB *cb, kt4ListTimerNode *timer, uint32_t ms) 
     if (cb == nullptr || timer == nullptr) return -1;
     if (running(cb, timer)) stop_timer(cb, timer, __func__);
 
-    timespec now = kt4::mono_now();
+    timespec now = now_of(cb);
     timer->wanted = kt4::ts_from_ns(static_cast<int64_t>(ms) * kt4::kNsPerMsec);
     timer->reqAt = now;
     clear_links(timer);
@@ -214,7 +230,7 @@ int kt4ListTimerTick(kt4ListTimerCB *cb) {
     Node *head = cb->head;
     if (head == nullptr) return 0;
 
-    timespec now = kt4::mono_now();
+    timespec now = now_of(cb);
     timespec due = ts_add(cb->headStart, head->delta);
     if (Node *n = head->next; n != nullptr) {
         if (ts_cmp(now, due) < 0) {
@@ -254,7 +270,7 @@ int kt4ListTimerGetTimevalTimeout(kt4ListTimerCB *cb, struct timeval **tv) {
         *tv = nullptr; // no timer: select waits without a timeout
         return 0;
     }
-    timespec remaining = ts_sub(cb->head->delta, ts_sub(kt4::mono_now(), cb->headStart));
+    timespec remaining = ts_sub(cb->head->delta, ts_sub(now_of(cb), cb->headStart));
     if (remaining.tv_sec < 0) remaining = timespec{0, 0};
     (*tv)->tv_sec = remaining.tv_sec;
     (*tv)->tv_usec = static_cast<suseconds_t>(remaining.tv_nsec / 1000);
@@ -267,7 +283,7 @@ int kt4ListTimerGetTimevalTimeout(kt4ListTimerCB *cb, struct timeval **tv) {
 int kt4ListPrintTimers(kt4ListTimerCB *cb) {
     if (cb == nullptr) return -1;
     if (cb->magic != kMagic) std::printf("The timer CB is corrupted!!!\r\n");
-    timespec now = kt4::mono_now();
+    timespec now = now_of(cb);
     std::printf("Now: %ld sec %ld nanosec\r\n", static_cast<long>(now.tv_sec), now.tv_nsec);
     Node *t = cb->head;
     if (t == nullptr) {

@@ -254,6 +254,11 @@ kt4ListTimerCB *kt4ListTimerNew(const struct timespec *minTimeout, KT4_LIST_TIME
                                 KT4_LIST_TIMER_FN stopFn, KT4_LIST_TIMER_FN tmrExpiryHandler);
 /* Releases the control block; the timers are the caller's. */
 void kt4ListTimerDestroy(kt4ListTimerCB *cb);
+/* The list reads the time from clock (which fills *now) instead of the monotonic clock; null
+ * goes back to the monotonic clock. Set it before the first timer starts: for simulations and
+ * tests that move the time themselves. 0, or -1 for a null list. */
+typedef void (*KT4_LIST_TIMER_CLOCK_FN)(struct timespec *now);
+int kt4ListTimerSetClock(kt4ListTimerCB *cb, KT4_LIST_TIMER_CLOCK_FN clock);
 /* Starting a running timer restarts it. */
 int kt4ListStartTimer(kt4ListTimerCB *cb, kt4ListTimerNode *timer, uint32_t ms);
 /* Stopping a timer that is not running changes nothing. */

@@ -9,6 +9,8 @@
 
 #include <gtest/gtest.h>
 
+#include <sys/select.h>
+
 #include <atomic>
 #include <cerrno>
 #include <chrono>
@@ -212,7 +214,7 @@ TEST_F(IpcPair, FloodOfBadDatagramsLeavesTheTraceRingItsHistory) {
     testing::internal::CaptureStdout();
     kt4TraceDisplaySoftware();
     const std::string ring = testing::internal::GetCapturedStdout();
-    const size_t from = ring.find(mark);
+    const size_t from = ring.rfind(mark); // this round's mark under --gtest_repeat
     ASSERT_NE(std::string::npos, from) << "the flood overwrote the ring";
     const std::string after = ring.substr(from);
     const int warned =
@@ -263,7 +265,7 @@ TEST_F(IpcPair, SendWaitTimesOutOrPollsOnce) {
     errno = 0;
     EXPECT_EQ(-1, kt4IpcSendWait(keyA, req.data(), 64, 0, 3, 3)); // "Caller no wait"
     EXPECT_EQ(ETIMEDOUT, errno);
-    EXPECT_LT(seconds_since(t0), 0.5);
+    EXPECT_LT(seconds_since(t0), 0.9); // short of the one-second wait above, even under load
     // The requests did reach the server's queue.
     std::vector<unsigned char> buf(128);
     EXPECT_EQ(64, kt4IpcRecv(keyB | 1, buf.data(), 128, 1, 3, 3));
@@ -375,6 +377,17 @@ TEST_F(IpcPair, GarbageIsDroppedWhileWaitingForTheReply) {
     EXPECT_EQ('Z', req[61]);
 }
 
+// Waits (at most 5 s) until the queue's socket has a datagram to read.
+bool readable(int queueId) {
+    const int fd = Key_getSocketFd(queueId);
+    if (fd < 0) return false;
+    fd_set in;
+    FD_ZERO(&in);
+    FD_SET(fd, &in);
+    timeval limit{5, 0};
+    return ::select(fd + 1, &in, nullptr, nullptr, &limit) == 1;
+}
+
 TEST_F(IpcPair, PeekLooksWithoutTaking) {
     std::vector<unsigned char> buf(256);
     errno = 0;
@@ -382,13 +395,13 @@ TEST_F(IpcPair, PeekLooksWithoutTaking) {
     EXPECT_EQ(EAGAIN, errno);
     auto m = a_to_b(77, 1, 2);
     ASSERT_EQ(77, kt4IpcNonGuaranteedSend(keyA, m.data(), 77));
-    ASSERT_EQ(0, ::usleep(20000));
+    ASSERT_TRUE(readable(keyB | 1));
     EXPECT_EQ(77, kt4IpcPeekMsg(keyB | 1, buf.data(), 256));
     EXPECT_EQ(77, kt4IpcRecv(keyB | 1, buf.data(), 256, 1, 1, 2));
     RawSock peer(0);
     unsigned char junk[70] = {};
     peer.send_to(port_of(svcB, 2, 1), junk, sizeof junk);
-    ASSERT_EQ(0, ::usleep(20000));
+    ASSERT_TRUE(readable(keyB | 1));
     EXPECT_EQ(-1, kt4IpcPeekMsg(keyB | 1, buf.data(), 256));
     EXPECT_EQ(EBADMSG, errno);
 }
@@ -402,6 +415,7 @@ void note(void *arg, int key) {
 
 TEST_F(IpcPair, NotifierIsCalledBeforeEveryWait) {
     int weight = 1;
+    notified_calls = 0;
     kt4IpcInstallRecvNotifier(note, &weight);
     auto other = a_to_b(60, 1, 1), m = a_to_b(60, 2, 2);
     ASSERT_EQ(60, kt4IpcNonGuaranteedSend(keyA, other.data(), 60));

@@ -111,7 +111,8 @@ TEST_F(Trace, EveryKindHasItsExactLine) {
 
 TEST_F(Trace, ATaskIsNamedInItsLines) {
     ASSERT_EQ(OK, vx2bsdLibInit());
-    static std::atomic<bool> done{false};
+    static std::atomic<bool> done;
+    done = false;
     kt4TracePrintOn();
     kt4test::CaptureStdout out;
     int tid = taskSpawn(
@@ -124,8 +125,9 @@ TEST_F(Trace, ATaskIsNamedInItsLines) {
         },
         0, 0, 0, 0, 0, 0, 0, 0, 0, 0);
     ASSERT_NE(ERROR, tid);
-    while (!done)
+    for (int i = 0; i < 500 && !done; ++i) // at most 10 s
         taskDelay(1);
+    ASSERT_TRUE(done);
     std::string text = out.text();
     EXPECT_NE(std::string::npos, text.find("] IFM-(tTracer):CPBLOB:0: from a task\r\n")) << text;
 }
@@ -146,18 +148,20 @@ TEST_F(Trace, AnOverlongLineIsReportedAndCut) {
 }
 
 TEST_F(Trace, FourEqualLinesLeaveTwoSlots) {
+    // The ring outlives a round of --gtest_repeat: look at the lines this round adds.
+    const size_t b = lines(history(kFoldModule, KT4_TRACE_KIND_TRACE)).size();
     for (int i = 0; i < 4; ++i)
         kt4TracePrintf(kFoldModule, "neighbour down");
     kt4TracePrintf(kFoldModule, "neighbour up");
     kt4TracePrintf(kFoldModule, "neighbour up");
     std::vector<std::string> got = lines(history(kFoldModule, KT4_TRACE_KIND_TRACE));
-    ASSERT_EQ(4u, got.size());
+    ASSERT_EQ(b + 4, got.size());
     EXPECT_TRUE(std::regex_match(
-        got[0], std::regex(kStamp + "BGP-\\(\\(null\\)\\):CPBLOB:0: neighbour down\r\n")))
-        << got[0];
-    EXPECT_EQ("\t - Repeated 3 times.\r\n", got[1]);
-    EXPECT_NE(std::string::npos, got[2].find("neighbour up\r\n"));
-    EXPECT_EQ("\t - Repeated 1 time.\r\n", got[3]);
+        got[b], std::regex(kStamp + "BGP-\\(\\(null\\)\\):CPBLOB:0: neighbour down\r\n")))
+        << got[b];
+    EXPECT_EQ("\t - Repeated 3 times.\r\n", got[b + 1]);
+    EXPECT_NE(std::string::npos, got[b + 2].find("neighbour up\r\n"));
+    EXPECT_EQ("\t - Repeated 1 time.\r\n", got[b + 3]);
 }
 
 TEST_F(Trace, TheRingWrapsAndReplaysFromTheOldestSlot) {
@@ -180,6 +184,13 @@ TEST_F(Trace, TheRingWrapsAndReplaysFromTheOldestSlot) {
 }
 
 TEST_F(Trace, HardwareKindsAreGatedAndKeepTheirStoredKinds) {
+    // The rings outlive a test (and a round of --gtest_repeat): compare with what they held.
+    auto count = [](int kind) { return lines(history(kHwModule, kind)).size(); };
+    const size_t anyBefore = count(KT4_TRACE_KIND_ANY), hwBefore = count(KT4_TRACE_KIND_HW_TRACE),
+                 hwErrBefore = count(KT4_TRACE_KIND_HW_ERR),
+                 copiesBefore = count(KT4_TRACE_KIND_ALL_HW),
+                 swHwBefore = count(KT4_TRACE_KIND_SW_HW_TRACE),
+                 softwareBefore = count(KT4_TRACE_KIND_ALL_SW);
     kt4HwTraceFlag = 0;
     kt4TracePrintOn();
     {
@@ -188,8 +199,8 @@ TEST_F(Trace, HardwareKindsAreGatedAndKeepTheirStoredKinds) {
         kt4HwErrorPrintf(kHwModule, "gated");
         EXPECT_EQ("", out.text());
     }
-    EXPECT_EQ("", history(kHwModule, KT4_TRACE_KIND_ANY));
-    EXPECT_EQ("", history(kHwModule, KT4_TRACE_KIND_HW_TRACE));
+    EXPECT_EQ(anyBefore, count(KT4_TRACE_KIND_ANY));
+    EXPECT_EQ(hwBefore, count(KT4_TRACE_KIND_HW_TRACE));
     kt4HwTraceFlag = 1;
     kt4TracePrintOff();
     kt4AllTracePrintf(kHwModule, "all trace");
@@ -197,17 +208,19 @@ TEST_F(Trace, HardwareKindsAreGatedAndKeepTheirStoredKinds) {
     kt4NvramPrintf(kHwModule, "never gated");
 
     // The hardware ring holds the hardware kinds as they were sent.
-    EXPECT_EQ(1u, lines(history(kHwModule, KT4_TRACE_KIND_HW_TRACE)).size());
-    EXPECT_EQ(1u, lines(history(kHwModule, KT4_TRACE_KIND_HW_ERR)).size());
+    EXPECT_EQ(hwBefore + 1, count(KT4_TRACE_KIND_HW_TRACE));
+    EXPECT_EQ(hwErrBefore + 1, count(KT4_TRACE_KIND_HW_ERR));
     // The software copy (kind 14) sits in the software ring stored as kind 11: kind 8 finds it
     // there, kinds 14 and 7 do not.
-    std::string copies = history(kHwModule, KT4_TRACE_KIND_ALL_HW);
-    ASSERT_EQ(1u, lines(copies).size()) << copies;
-    EXPECT_NE(std::string::npos, copies.find("] HW: ARP-((null)):CPBLOB:0: all trace\r\n"));
-    EXPECT_EQ("", history(kHwModule, KT4_TRACE_KIND_SW_HW_TRACE));
-    std::string software = history(kHwModule, KT4_TRACE_KIND_ALL_SW);
-    ASSERT_EQ(1u, lines(software).size()) << software;
-    EXPECT_NE(std::string::npos, software.find("NVRAM_MSG: ARP-((null)):CPBLOB:0: never gated"));
+    std::vector<std::string> copies = lines(history(kHwModule, KT4_TRACE_KIND_ALL_HW));
+    ASSERT_EQ(copiesBefore + 1, copies.size());
+    EXPECT_NE(std::string::npos, copies.back().find("] HW: ARP-((null)):CPBLOB:0: all trace\r\n"));
+    EXPECT_EQ(swHwBefore, count(KT4_TRACE_KIND_SW_HW_TRACE));
+    EXPECT_EQ(0u, swHwBefore);
+    std::vector<std::string> software = lines(history(kHwModule, KT4_TRACE_KIND_ALL_SW));
+    ASSERT_EQ(softwareBefore + 1, software.size());
+    EXPECT_NE(std::string::npos,
+              software.back().find("NVRAM_MSG: ARP-((null)):CPBLOB:0: never gated"));
 }
 
 TEST_F(Trace, FlagsAndModuleNames) {
@@ -232,13 +245,14 @@ TEST_F(Trace, FlagsAndModuleNames) {
     EXPECT_EQ("", history(142, KT4_TRACE_KIND_ANY)) << "142 is accepted, and empty";
 
     // The top bit keeps plain traces of the module out of the history, nothing else.
+    const size_t errorsBefore = lines(history(kFlagModule, KT4_TRACE_KIND_ERROR)).size();
     kt4SetModuleTraceFlag(kFlagModule, KT4_TRACE_NO_HISTORY | 0x21);
     EXPECT_EQ(0x21u, wrap_modtraceflags(kFlagModule));
     kt4TracePrintf(kFlagModule, "not kept");
     kt4ErrorPrintf(kFlagModule, "kept");
     kt4SetModuleTraceFlag(kFlagModule, 0);
     EXPECT_EQ("", history(kFlagModule, KT4_TRACE_KIND_TRACE));
-    EXPECT_EQ(1u, lines(history(kFlagModule, KT4_TRACE_KIND_ERROR)).size());
+    EXPECT_EQ(errorsBefore + 1, lines(history(kFlagModule, KT4_TRACE_KIND_ERROR)).size());
 }
 
 TEST_F(Trace, PrintStrTracesTextVerbatim) {
@@ -279,6 +293,8 @@ TEST_F(Trace, DeveloperPrintsFollowTheTaskMask) {
 }
 
 TEST_F(Trace, TwoProcessesShareOneRing) {
+    // The ring outlives a round of --gtest_repeat: look at the lines this round adds.
+    const size_t before = lines(history(kTwoProcModule, KT4_TRACE_KIND_TRACE)).size();
     kt4TracePrintf(kTwoProcModule, "from the first process");
     int rc = -1;
     std::string child =
@@ -289,11 +305,11 @@ TEST_F(Trace, TwoProcessesShareOneRing) {
     std::string mine = history(kTwoProcModule, KT4_TRACE_KIND_TRACE);
     for (const std::string *seen : {&child, &mine}) {
         std::vector<std::string> got = lines(*seen);
-        ASSERT_EQ(2u, got.size()) << *seen;
+        ASSERT_EQ(before + 2, got.size()) << *seen;
         EXPECT_NE(std::string::npos,
-                  got[0].find("L2MGR-((null)):CPBLOB:0: from the first process\r\n"));
+                  got[before].find("L2MGR-((null)):CPBLOB:0: from the first process\r\n"));
         EXPECT_NE(std::string::npos,
-                  got[1].find("L2MGR-((null)):CPBLOB:0: from the second process\r\n"));
+                  got[before + 1].find("L2MGR-((null)):CPBLOB:0: from the second process\r\n"));
     }
     std::string tool = run(std::string(KT4_TRACE_TOOL) + " -f " + kt4GetShmFileName(0) + " -m " +
                                std::to_string(kTwoProcModule),

@@ -22,17 +22,20 @@
 
 #include <kt4/platform.h>
 
+#include "support/kt4_reserve.h"
+
 namespace kt4test {
 
 using Env = std::vector<std::pair<std::string, std::string>>;
 
-// A card of its own, number k of this test process.
+// A card of its own, number k of this test process (k names it for the reader; its keys are a
+// band reserved for it alone while it lives).
 class OtherCard {
   public:
-    explicit OtherCard(int k) {
+    explicit OtherCard(int /*k*/) {
         char tmpl[] = "/tmp/kt4other.XXXXXX";
         if (mkdtemp(tmpl) != nullptr) root_ = tmpl;
-        offset_ = 0x20000000 + ((static_cast<int>(getpid()) & 0x3FFF) * 16 + k) * 2048;
+        offset_ = key_band_offset(band_.index());
         remove_sets();
     }
     ~OtherCard() {
@@ -45,8 +48,14 @@ class OtherCard {
     const std::string &root() const { return root_; }
     std::string file() const { return root_ + "/KT4ShmMMap.mem"; }
     int offset() const { return offset_; }
+    // Its processes take the test process's reserved card address, so that they bind ports
+    // no other test process uses.
     Env env() const {
-        return {{"KT4_ROOT", root_}, {"KT4_SYSV_KEY_OFFSET", std::to_string(offset_)}};
+        const CardIdentity id = card_identity();
+        return {{"KT4_ROOT", root_},
+                {"KT4_SYSV_KEY_OFFSET", std::to_string(offset_)},
+                {"KT4_CHASSIS_ID", std::to_string(id.chassis)},
+                {"KT4_SLOT", std::to_string(id.slot)}};
     }
 
     // The kernel's id and value of the set with the card's key base + n (1028 + n, 1084 + n).
@@ -63,6 +72,7 @@ class OtherCard {
     }
 
   private:
+    Reservation band_{"keys", kKeyBands, static_cast<int>(getpid()) + 1};
     std::string root_;
     int offset_ = 0;
 };

@@ -130,7 +130,8 @@ TEST_F(SharedMemory, ReleasedBlocksMergeBack) {
 
 TEST_F(SharedMemory, ATableIsCreatedOnceForTheWholeCard) {
     using kt4::shm::kSwpQueueTable;
-    static int inits = 0;
+    static int inits;
+    inits = 0;
     auto init = [](void *table, size_t bytes) {
         ++inits;
         std::memset(table, 0x5A, bytes);

@@ -2,19 +2,21 @@
 // System V locks.
 //
 // Each process gets a fresh temporary KT4_ROOT (so its own shared memory file) and a System V
-// key offset derived from its pid (so its own 30 semaphore sets), set in the environment
+// key band reserved for it alone (so its own 30 semaphore sets), set in the environment
 // before the library reads them. Parallel test processes and reruns therefore never meet;
-// sets left behind by a crashed run under the same pid are removed before new ones are made.
-// At the end the owning process removes its sets, the file and the directory; processes
+// sets left behind by a crashed holder of the same band are removed before new ones are made.
+// When the owning process exits it removes its sets, the file and the directory; processes
 // forked from it inherit the card and leave the cleaning to it.
 //
 // Include it in a GoogleTest binary and the card is set up before the first test and torn
-// down after the last. A program without GoogleTest (a benchmark) defines
+// down when the process ends (not between the rounds of --gtest_repeat). A program without GoogleTest (a benchmark) defines
 // KT4_TEST_ENV_NO_GTEST before including it and calls kt4test::Card::get().up() and
 // cleanup() itself.
 #pragma once
 
 #include <kt4/platform.h>
+
+#include "support/kt4_reserve.h"
 
 #include <fcntl.h>
 #include <stdlib.h>
@@ -81,14 +83,15 @@ class Card {
             std::abort();
         }
         root_ = buf;
-        // Keys 1028..1085 plus the offset: 128 keys per pid, clear of the default keys.
-        keyOffset_ = 0x10000000 + static_cast<int>(owner_ & 0x3FFFFF) * 128;
+        // Keys 1028..1085 plus the offset of the process's own band, clear of the default keys.
+        keyOffset_ = process_key_offset();
         setenv("KT4_ROOT", root_.c_str(), 1);
         setenv("KT4_SYSV_KEY_OFFSET", std::to_string(keyOffset_).c_str(), 1);
         std::snprintf(size_, sizeof size_, "%zu", kAreaBytes);
         argv_[0] = prog_;
         argv_[1] = size_;
         argv_[2] = nullptr;
+        std::atexit([] { Card::get().cleanup(); });
     }
 
     pid_t owner_;
@@ -170,11 +173,10 @@ inline int count_of(const std::string &haystack, const std::string &needle) {
 
 #ifndef KT4_TEST_ENV_NO_GTEST
 // Sets the card up before the first test (the environment only: tests bring the card up with
-// Card::get().up() when they need it) and tears it down after the last.
+// Card::get().up() when they need it); it is torn down at exit.
 class CardEnvironment : public ::testing::Environment {
   public:
     void SetUp() override { Card::get(); }
-    void TearDown() override { Card::get().cleanup(); }
 };
 inline ::testing::Environment *const kCardEnvironment =
     ::testing::AddGlobalTestEnvironment(new CardEnvironment);

@@ -8,7 +8,6 @@
 
 #include <chrono>
 #include <string>
-#include <thread>
 #include <vector>
 
 namespace {
@@ -31,6 +30,17 @@ long ms_of(const timespec &ts) {
 std::vector<int> fired, armed;
 int stops;
 kt4ListTimerCB *the_cb;
+
+// The time the lists of these tests read: moved by the tests alone.
+timespec fake_now;
+void read_fake(timespec *now) {
+    *now = fake_now;
+}
+void advance(long ms) {
+    fake_now.tv_nsec += (ms % 1000) * 1000000;
+    fake_now.tv_sec += ms / 1000 + fake_now.tv_nsec / 1000000000;
+    fake_now.tv_nsec %= 1000000000;
+}
 void on_expiry(kt4ListTimerNode *n) {
     fired.push_back(rec(n)->id);
     if (++rec(n)->fires < 3 && rec(n)->id == 100) kt4ListStartTimer(the_cb, n, 30); // periodic
@@ -50,6 +60,8 @@ class ListTimer : public testing::Test {
         stops = 0;
         the_cb = cb_ = kt4ListTimerNew(nullptr, on_start, on_stop, on_expiry);
         ASSERT_NE(nullptr, cb_);
+        fake_now = timespec{5000, 999000000}; // a second's carry comes with the first move
+        ASSERT_EQ(0, kt4ListTimerSetClock(cb_, read_fake));
         for (int i = 0; i < 8; ++i)
             r_[i] = Rec{{}, i, 0};
     }
@@ -70,7 +82,7 @@ TEST_F(ListTimer, DeltasChainInExpiryOrder) {
     kt4ListStartTimer(cb_, &r_[2].node, 200);
     EXPECT_EQ((std::vector<int>{1, 2, 3}), ids(1));
     for (int i : {1, 2, 3})
-        EXPECT_NEAR(100, ms_of(r_[i].node.delta), 30) << i;
+        EXPECT_EQ(100, ms_of(r_[i].node.delta)) << i;
 
     // A shorter one replaces the head, whose delta shrinks by the distance; an equal expiry
     // goes after the timers already due then.
@@ -78,14 +90,14 @@ TEST_F(ListTimer, DeltasChainInExpiryOrder) {
     kt4ListStartTimer(cb_, &r_[5].node, 40);
     EXPECT_EQ((std::vector<int>{4, 5, 1, 2, 3}), ids(4));
     EXPECT_EQ(40, ms_of(r_[4].node.delta));
-    EXPECT_NEAR(60, ms_of(r_[1].node.delta), 30);
+    EXPECT_EQ(60, ms_of(r_[1].node.delta));
     EXPECT_EQ((std::vector<int>{1, 4}), armed);
 
     // Stopping inside the list hands the delta on; restarting a running timer moves it.
     kt4ListStopTimer(cb_, &r_[2].node);
     kt4ListStopTimer(cb_, &r_[2].node); // not running: nothing happens
     EXPECT_EQ(nullptr, r_[2].node.prev);
-    EXPECT_NEAR(200, ms_of(r_[3].node.delta), 30);
+    EXPECT_EQ(200, ms_of(r_[3].node.delta));
     kt4ListStartTimer(cb_, &r_[3].node, 10);
     EXPECT_EQ((std::vector<int>{3, 4, 5, 1}), ids(3));
 }
@@ -93,10 +105,10 @@ TEST_F(ListTimer, DeltasChainInExpiryOrder) {
 TEST_F(ListTimer, StoppingTheHeadPassesWhatItHadLeft) {
     kt4ListStartTimer(cb_, &r_[1].node, 100);
     kt4ListStartTimer(cb_, &r_[2].node, 150);
-    std::this_thread::sleep_for(milliseconds(40));
+    advance(40);
     armed.clear();
     kt4ListStopTimer(cb_, &r_[1].node);
-    EXPECT_NEAR(110, ms_of(r_[2].node.delta), 25); // its own 50 plus the 60 left, from now
+    EXPECT_EQ(110, ms_of(r_[2].node.delta)); // its own 50 plus the 60 left, from now
     EXPECT_EQ((std::vector<int>{2}), armed);
     kt4ListStopTimer(cb_, &r_[2].node);
     EXPECT_EQ(1, stops);
@@ -107,35 +119,36 @@ TEST_F(ListTimer, EarlyLateAndBatchedTicksKeepEachExpiry) {
     kt4ListStartTimer(cb_, &r_[1].node, 100);
     kt4ListStartTimer(cb_, &r_[2].node, 200);
     kt4ListTimerTick(cb_);
-    EXPECT_NEAR(200, ms_of(r_[2].node.delta), 25);
+    EXPECT_EQ(200, ms_of(r_[2].node.delta));
     kt4ListStopTimer(cb_, &r_[2].node);
 
     // Late: the lateness comes off the next delta.
     kt4ListStartTimer(cb_, &r_[3].node, 50);
     kt4ListStartTimer(cb_, &r_[4].node, 300);
-    std::this_thread::sleep_for(milliseconds(100));
+    advance(100);
     kt4ListTimerTick(cb_);
-    EXPECT_LE(ms_of(r_[4].node.delta), 210);
-    EXPECT_GE(ms_of(r_[4].node.delta), 100);
+    EXPECT_EQ(200, ms_of(r_[4].node.delta)); // 250 after the head, 50 of them gone already
     kt4ListStopTimer(cb_, &r_[4].node);
 
     // Within the minimum timeout (20 ms) of an expiry: fired in the same tick.
     kt4ListStartTimer(cb_, &r_[5].node, 30);
     kt4ListStartTimer(cb_, &r_[6].node, 40);
     kt4ListStartTimer(cb_, &r_[7].node, 400);
-    std::this_thread::sleep_for(milliseconds(30));
+    advance(30);
     armed.clear();
     kt4ListTimerTick(cb_);
     EXPECT_EQ((std::vector<int>{1, 3, 5, 6}), fired);
     EXPECT_EQ((std::vector<int>{7}), armed);
-    EXPECT_NEAR(360, ms_of(r_[7].node.delta), 40);
+    EXPECT_EQ(370, ms_of(r_[7].node.delta)); // still due 400 after it started
     kt4ListStopTimer(cb_, &r_[7].node);
     EXPECT_EQ(-1, kt4ListTimerTick(nullptr));
+    EXPECT_EQ(-1, kt4ListTimerSetClock(nullptr, read_fake));
     EXPECT_EQ(nullptr, kt4ListTimerNew(nullptr, nullptr, nullptr, nullptr));
 }
 
 // The way an event loop uses the list: select with the list's timeout, tick on expiry.
 TEST_F(ListTimer, SelectLoopFiresEachTimerOnTime) {
+    ASSERT_EQ(0, kt4ListTimerSetClock(cb_, nullptr)); // the monotonic clock, as in a process
     Rec periodic{{}, 100, 0};
     auto t0 = Clock::now();
     kt4ListStartTimer(cb_, &r_[1].node, 150);

@@ -1,6 +1,8 @@
 // The test card: made before the first test, taken down after the last.
 #include "tme/tme_env.h"
 
+#include "support/kt4_reserve.h"
+
 #include <gtest/gtest.h>
 
 #include <arpa/inet.h>
@@ -22,18 +24,25 @@ void set_env(const char *name, long value) {
     setenv(name, std::to_string(value).c_str(), 1);
 }
 
+// Made once, before the first round of tests, and taken down when the process exits (not
+// between the rounds of --gtest_repeat).
 class Card : public ::testing::Environment {
   public:
     void SetUp() override {
+        static bool made = false;
+        if (made) return;
+        made = true;
         char tmpl[] = "/tmp/kt4tme.XXXXXX";
         ASSERT_NE(mkdtemp(tmpl), nullptr);
         g_root = tmpl;
-        const long pid = getpid();
+        owner_ = getpid();
+        std::atexit(tear_down);
         setenv("KT4_ROOT", g_root.c_str(), 1);
-        set_env("KT4_SYSV_KEY_OFFSET", 0x40000000L + (pid % 4000000L) * 128);
-        // 16 chassis ids x 20 slots: side-by-side test processes get different addresses.
-        set_env("KT4_CHASSIS_ID", (pid / 20) % 16);
-        set_env("KT4_SLOT", 1 + pid % 20);
+        set_env("KT4_SYSV_KEY_OFFSET", kt4test::process_key_offset());
+        // A chassis id and slot of its own: side-by-side test processes get different addresses.
+        const kt4test::CardIdentity id = kt4test::card_identity();
+        set_env("KT4_CHASSIS_ID", id.chassis);
+        set_env("KT4_SLOT", id.slot);
         unsetenv("KT4_PLATFORM_TYPE");
         unsetenv("KT4_VIRTUAL");
         kt4CardReload();
@@ -49,7 +58,10 @@ class Card : public ::testing::Environment {
         kt4VxToBsdInit(1, 1);
     }
 
-    void TearDown() override {
+  private:
+    static inline pid_t owner_ = 0;
+    static void tear_down() {
+        if (getpid() != owner_) return;
         KT4_ShmSemRem();
         if (DIR *d = opendir(g_root.c_str())) {
             while (dirent *e = readdir(d))

@@ -53,6 +53,10 @@ class Steps {
         std::lock_guard<std::mutex> g(m_);
         return v_;
     }
+    void clear() {
+        std::lock_guard<std::mutex> g(m_);
+        v_.clear();
+    }
     size_t size() const {
         std::lock_guard<std::mutex> g(m_);
         return v_.size();

@@ -29,6 +29,7 @@ void wd_record(kt4_arg_t p) {
 }
 
 TEST_F(Watchdogs, FireAtTheNextTickWhateverTheDelay) {
+    wd_steps.clear();
     kt4WdogId wd = wdCreate();
     ASSERT_NE(nullptr, wd);
     auto t0 = Clock::now();
@@ -172,7 +173,7 @@ TEST_F(Timers, PeriodicAndOneShotAtSecondGranularity) {
     auto f = periodic.fires.get();
     long gap = std::stol(f[1]) - std::stol(f[0]);
     EXPECT_GE(gap, 900);
-    EXPECT_LE(gap, 1500);
+    EXPECT_LT(gap, 1900); // one second, not two, with room for a loaded machine
     EXPECT_EQ(OK, vx2bsdTimerCancel(p));
     size_t n = periodic.fires.size();
     std::this_thread::sleep_for(std::chrono::milliseconds(1200));
