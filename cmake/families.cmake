@@ -42,7 +42,7 @@ set(KT4_SHARES_startup "")
 
 # hostsim.h belongs to the sibling services' stand-ins (the kt4hostsim target), which every
 # family may call; kt4.h includes everything and belongs to the top.
-set(KT4_PUBLIC_common common hostsim)
+set(KT4_PUBLIC_common common hostsim tick)
 set(KT4_PUBLIC_log log)
 set(KT4_PUBLIC_vx2bsd vx2bsd)
 set(KT4_PUBLIC_containers containers radix)
@@ -55,10 +55,6 @@ set(KT4_PUBLIC_tme tme)
 set(KT4_PUBLIC_ifm ifm)
 set(KT4_PUBLIC_startup kt4)
 
-set(KT4_LAYER_EXCEPTIONS
-  # The tick rate (sysClkRateGet) and tick count come from the timer family's tick clock, which
-  # the kernel-style interface declares by including <kt4/timer.h>; to be read from
-  # common/kt4_clock.h by the task layer instead.
-  "include/kt4/vx2bsd.h:kt4/timer.h"
-  "vx2bsd/task_life.cpp:kt4/timer.h"
-)
+# The tick source (<kt4/tick.h>, built from timer/tick.cpp on its own below the task layer)
+# belongs to the lowest layer, so that the task layer and the timers both count in its ticks.
+set(KT4_LAYER_EXCEPTIONS)

@@ -4,7 +4,7 @@
 // touching the clock. The correction is one 64-bit word, added modulo 2^64 (so it also
 // subtracts), read atomically: readers on other threads see the old or the new count, never
 // half of each.
-#include <kt4/timer.h>
+#include <kt4/tick.h>
 
 #include "common/kt4_clock.h"
 

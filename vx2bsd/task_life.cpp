@@ -13,7 +13,7 @@
 // end the thread or free the record.
 #include "vx2bsd/task_int.h"
 
-#include <kt4/timer.h>
+#include <kt4/tick.h>
 
 #include <cerrno>
 #include <cstdio>

@@ -20,7 +20,7 @@
 #define KT4_VX2BSD_H
 
 #include <kt4/common.h>
-#include <kt4/timer.h>
+#include <kt4/tick.h>
 
 KT4_BEGIN_DECLS
 
