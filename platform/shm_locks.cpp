@@ -213,8 +213,9 @@ void remove_set(key_t key, int &rc) {
 
 // Linux hands out System V ids as seq * 32768 + index, and only the very first set made in
 // an IPC namespace (a newly booted machine, a container) gets seq 0 at index 0: id 0, which
-// the lock table takes for a missing lock. A creator spends that first id on a private set of
-// its own, so that none of the card's locks can get it. Once spent it never comes back (the
+// the lock table takes for a missing lock. Whoever may make a card's set (the creator, and a
+// joiner that finds the card not brought up and makes its sets taken) first spends that id
+// on a private set of its own, so that none of the card's locks can get it. Once spent it never comes back (the
 // sequence only returns to 0 after 65536 turns of the whole index range).
 void spend_id_zero() {
     for (int tries = 0; tries < 2; ++tries) {
@@ -477,8 +478,8 @@ int KT4_InitShmSem(int create) {
     g_table.keyOffset.store(offset, std::memory_order_relaxed);
     g_table.opened.store(true);
     std::optional<kt4::platform::CardExclusive> card;
+    spend_id_zero();
     if (create) {
-        spend_id_zero();
         card.emplace(); // held until the locks are made: nobody attaches meanwhile
         clear_stale_sets(offset, *card);
     }

@@ -106,6 +106,9 @@ int take(int argc, char **argv) {
     if (KT4_ShmLock(5) != OK || KT4_ShmUnLock(5) != OK) return 3;
     if (KT4_ShmWriteLock(1) != OK || KT4_ShmWriteUnLock(1) != OK) return 4;
     std::printf("took\n");
+    // The monitor reports what it gave back just after giving it, and the takes above may win
+    // the lock in between: stay up for several of its 200 ms passes so that the report is out.
+    taskDelay(50);
     return 0;
 }
 
