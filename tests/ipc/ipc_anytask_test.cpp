@@ -21,6 +21,7 @@ struct Client {
     int svcA;
     int svcB;
     bool openFirst;
+    bool second = false; // anyTaskIpcSendAndWait2: the peer found by its request queue
     std::atomic<int> result{99};
     std::atomic<bool> done{false};
     unsigned char reply[256];
@@ -31,7 +32,8 @@ int client_task(kt4_arg_t a, kt4_arg_t, kt4_arg_t, kt4_arg_t, kt4_arg_t, kt4_arg
     auto *c = reinterpret_cast<Client *>(a);
     int key = c->openFirst ? kt4IpcOpen(c->svcA, 2) : -1;
     auto m = make_msg(100, 90, 0, c->svcA, 2, 0, 0);
-    c->result = anyTaskIpcSendAndWait(90, m.data(), 100, c->svcB, 0, c->reply, sizeof c->reply);
+    c->result = (c->second ? anyTaskIpcSendAndWait2 : anyTaskIpcSendAndWait)(
+        90, m.data(), 100, c->svcB, 0, c->reply, sizeof c->reply);
     if (key > 0) kt4IpcClose(key);
     c->done = true;
     return 0;
@@ -57,21 +59,25 @@ TEST(IpcAnyTask, FindsThePeerThroughTheCardTable) {
     ASSERT_GT(keyB, 0);
     int status = -1;
     EXPECT_EQ(kt4IpcGetLocalCpuIpAddr(), kt4_tmeGetPeerIpAddrByName(svcB, 0, &status));
-    std::thread server([&] {
-        unsigned char in[256];
-        int n = kt4IpcRecv(keyB | 1, in, sizeof in, 5, 90, 0);
-        if (n < 60 || kt4IpcHdrGet(in, KT4_IPC_HDR_APP1) != 0) return;
-        in[60] = 'k';
-        kt4IpcReply(keyB, in, n);
-    });
-    Client c;
-    c.svcA = fresh_service();
-    c.svcB = svcB;
-    c.openFirst = true;
-    ASSERT_TRUE(run_client(c));
-    server.join();
-    EXPECT_EQ(0, c.result.load());
-    EXPECT_EQ('k', c.reply[60]);
+    for (bool second : {false, true}) {
+        std::thread server([&] {
+            unsigned char in[256];
+            int n = kt4IpcRecv(keyB | 1, in, sizeof in, 5, 90, 0);
+            if (n < 60 || kt4IpcHdrGet(in, KT4_IPC_HDR_APP1) != 0) return;
+            in[60] = 'k';
+            kt4IpcReply(keyB, in, n);
+        });
+        Client c;
+        c.svcA = fresh_service();
+        c.svcB = svcB;
+        c.openFirst = true;
+        c.second = second;
+        const bool ran = run_client(c);
+        server.join();
+        ASSERT_TRUE(ran);
+        EXPECT_EQ(0, c.result.load()) << second;
+        EXPECT_EQ('k', c.reply[60]) << second;
+    }
 
     // A task without an endpoint has no service: refused at once.
     Client none;

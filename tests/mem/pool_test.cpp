@@ -273,12 +273,24 @@ TEST_F(Pools, BestFitFromTheCallersOwnPartition) {
         uint32_t size;
         int want;
     } cases[] = {{1, 1}, {64, 1}, {65, 0}, {256, 0}, {257, 3}, {1024, 3}};
-    for (const Case &c : cases) {
-        void *p = M_memBlockAlloc("t", __LINE__, c.size, -1);
-        ASSERT_NE(nullptr, p) << c.size;
-        EXPECT_EQ(pool(c.want), M_memBlockPoolId(p)) << c.size;
-        EXPECT_EQ(OK, M_memBlockFree("t", __LINE__, p));
+    // The same with the partition's mutex off (a partition that one thread owns).
+    for (BOOL locked : {TRUE, FALSE}) {
+        ASSERT_EQ(0, kt4_memPartSetLocking(kPart, locked));
+        for (const Case &c : cases) {
+            void *p = M_memBlockAlloc("t", __LINE__, c.size, -1);
+            ASSERT_NE(nullptr, p) << c.size;
+            EXPECT_EQ(pool(c.want), M_memBlockPoolId(p)) << c.size;
+            EXPECT_EQ(OK, M_memBlockFree("t", __LINE__, p));
+        }
     }
+    testing::internal::CaptureStdout();
+    showMemMgrParts();
+    const std::string out = testing::internal::GetCapturedStdout();
+    const size_t row = out.find("\n    11 ");
+    ASSERT_NE(std::string::npos, row) << out;
+    const std::string line = out.substr(row + 1, out.find('\n', row + 1) - row - 1);
+    EXPECT_NE(std::string::npos, line.find("    no ")) << line;
+    EXPECT_EQ(-1, kt4_memPartSetLocking(-1, FALSE)) << "no such partition";
     EXPECT_EQ(nullptr, M_memBlockAlloc("t", __LINE__, 1025, -1));
     EXPECT_EQ(nullptr, M_memBlockAlloc("t", __LINE__, 65, pool(1))); // named pool too small
 }

@@ -72,6 +72,22 @@ TEST(CardBringUp, AProcessOnACardNotBroughtUpSaysWhyOnStandardError) {
     EXPECT_NE(std::string::npos, out.find("card not brought up")) << out;
 }
 
+// The system personality with bits 8 and 4 both set names the card's file "KT4ShmMMapLp".
+TEST(CardBringUp, PersonalityBits8And4NameTheLpFile) {
+    for (const char *bits : {"8", "12"}) {
+        OtherCard card(2);
+        kt4test::Env env = card.env();
+        env.push_back({"KT4_PERSONALITY", bits});
+        std::string out;
+        EXPECT_EQ(0, run_helper({"map", kBytes}, env, &out)) << out;
+        const std::string lp = card.root() + "/KT4ShmMMapLp.mem";
+        const bool both = std::strcmp(bits, "12") == 0;
+        EXPECT_EQ(both, access(lp.c_str(), F_OK) == 0) << bits;
+        EXPECT_EQ(!both, access(card.file().c_str(), F_OK) == 0) << bits;
+        unlink(lp.c_str());
+    }
+}
+
 TEST(CardBringUp, AProductDirectoryThatCannotHoldTheFileIsNamed) {
     OtherCard card(2);
     std::string out;

@@ -222,6 +222,15 @@ TEST(RadixCar, OneReaderFollowsTwoTreesInOneOrder) {
     EXPECT_EQ(v4.e(0), kt4CarGetNext(car, v6.e(0)));
     EXPECT_EQ(nullptr, kt4CarGetNext(car, v4.e(0)));
     EXPECT_EQ(2u, kt4CarNextVersion(car, &d));
+    // A wrap of the list's own counter: [d v4.e(0) v6.e(0)] renumbers to 0, 1, 2.
+    kt4CarVersionSet(car, UINT64_MAX);
+    EXPECT_EQ(0u, kt4CarAppendToChangeList(car, v6.e(0)));
+    EXPECT_EQ(2u, kt4CarProcVerWrap(car));
+    EXPECT_EQ(0u, kt4RadixEntryVersion(&d));
+    EXPECT_EQ(1u, kt4RadixEntryVersion(v4.e(0)));
+    EXPECT_EQ(2u, kt4RadixEntryVersion(v6.e(0)));
+    kt4CarVersionSet(car, 2);
+    EXPECT_EQ(3u, kt4CarAppendToChangeList(car, v4.e(0)));
     EXPECT_EQ(ERROR, kt4CarDestroy(car)) << "trees are still attached";
     kt4CarWalkDestructor(car, &d);
     v4.clear(); // destroying the trees detaches the list

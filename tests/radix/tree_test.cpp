@@ -78,6 +78,15 @@ TEST_F(RadixTree, APrefixIsHeldOnceAndLengthsAboveTheKeyAreRefused) {
     EXPECT_EQ(ERROR, kt4RadixDestroy(t)) << "reported and kept: the tree is not empty";
     EXPECT_EQ(ENOTEMPTY, errno);
     EXPECT_EQ(e(0), kt4RadixGetNext(t, nullptr, 0)) << "the kept tree is whole";
+    // Checking off: the same operations on fresh records, without the argument checks.
+    EXPECT_EQ(1, kt4RadixDebug(t, 0));
+    EXPECT_EQ(0, t->rtt_check);
+    EXPECT_EQ(e(4), add(4, "192.168.1.0", 24));
+    EXPECT_EQ(e(4), kt4RadixGetExact(t, r[4].addr, 24));
+    kt4RadixRemove(t, e(4));
+    EXPECT_EQ(nullptr, kt4RadixGetExact(t, r[4].addr, 24));
+    EXPECT_EQ(1, kt4RadixDebug(t, 1));
+    EXPECT_EQ(1, t->rtt_check);
 }
 
 TEST_F(RadixTree, HostBitsAreIgnored) {

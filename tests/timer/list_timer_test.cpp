@@ -219,4 +219,24 @@ TEST_F(ListTimer, DumpAndProgressMessages) {
     }
 }
 
+TEST(Timespec, SumCarriesAndDiffBorrowsAtOneSecond) {
+    const timespec a{1, 600000000}, b{2, 500000000};
+    timespec r{};
+    ASSERT_EQ(0, kt4GetTimespecTimeSum(&a, &b, &r));
+    EXPECT_EQ(4, r.tv_sec);
+    EXPECT_EQ(100000000, r.tv_nsec);
+    const timespec c{1, 999999999}, d{0, 1};
+    ASSERT_EQ(0, kt4GetTimespecTimeSum(&c, &d, &r));
+    EXPECT_EQ(2, r.tv_sec) << "exactly one second of nanoseconds carries";
+    EXPECT_EQ(0, r.tv_nsec);
+    ASSERT_EQ(0, kt4GetTimespecTimeDiff(&a, &b, &r)); // b - a
+    EXPECT_EQ(0, r.tv_sec);
+    EXPECT_EQ(900000000, r.tv_nsec);
+    ASSERT_EQ(0, kt4GetTimespecTimeDiff(&d, &c, &r));
+    EXPECT_EQ(1, r.tv_sec);
+    EXPECT_EQ(999999998, r.tv_nsec);
+    EXPECT_EQ(-1, kt4GetTimespecTimeSum(&a, nullptr, &r));
+    EXPECT_EQ(-1, kt4GetTimespecTimeDiff(&a, &b, nullptr));
+}
+
 } // namespace

@@ -43,6 +43,7 @@ class Card : public ::testing::Environment {
         const kt4test::CardIdentity id = kt4test::card_identity();
         set_env("KT4_CHASSIS_ID", id.chassis);
         set_env("KT4_SLOT", id.slot);
+        set_env("KT4_TME_INSTANCE", kTmeInstance); // the card's manager instance
         unsetenv("KT4_PLATFORM_TYPE");
         unsetenv("KT4_VIRTUAL");
         kt4CardReload();

@@ -23,7 +23,7 @@ TEST(TaskReady, SendsTheSeventyTwoByteMessageAndWaitsForTheManagersAcknowledgeme
     const uint32_t tmeAddr = kt4_sysGetIpAddr();
     const uint32_t tmeInst = kt4_sysGetInstance();
     ASSERT_EQ(tmeAddr, tmetest::card_addr());
-    ASSERT_NE(tmeInst, 0xFFFFFFFFu);
+    ASSERT_EQ(uint32_t{tmetest::kTmeInstance}, tmeInst) << "taken from KT4_TME_INSTANCE";
     const auto tmePort = static_cast<uint16_t>(kt4_getQueueId(13, static_cast<int>(tmeInst), 1));
     tmetest::RawSocket tme(tmeAddr, tmePort);
     ASSERT_TRUE(tme.ok());

@@ -20,6 +20,7 @@ namespace tmetest {
 const std::string &root_dir();
 constexpr const char *kHelperName = "tme_helper";
 constexpr size_t kAreaBytes = 8u << 20;
+constexpr int kTmeInstance = 2; // KT4_TME_INSTANCE of the test card
 
 // This card's address (host order) and slot.
 uint32_t card_addr();

@@ -239,11 +239,12 @@ TEST_F(Tasks, DeletingABlockedTaskLeavesNoStaleWaiter) {
 
 TEST_F(Tasks, SuspendAndResumeAnotherTaskWithInvertedResults) {
     std::atomic<long> count{0};
+    // The counter sleeps outside taskDelay: the end of a taskDelay sets the status to 0 (every
+    // bit, as documented), so a suspension marked while it was finishing would read as gone.
     int t = spawn("tCounter", 100, [&] {
         for (;;) {
             ++count;
-            taskDelay(0);
-            taskDelay(1);
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
         }
     });
     ASSERT_TRUE(eventually([&] { return count > 3; }));
