@@ -12,10 +12,10 @@ top=$PWD
 jobs=$(nproc 2>/dev/null || echo 2)
 
 # Directories whose tests run under ThreadSanitizer too.
-TSAN_DIRS="vx2bsd timer platform log mem ipc tme swp containers radix ifm"
+TSAN_DIRS="vx2bsd timer platform log mem ipc tme evt evtlogd swp cfg cfgd containers radix ifm"
 
 need_packages() {
-    local pkgs="cmake ninja-build g++ clang libclang-rt-14-dev libgtest-dev libgmock-dev libbenchmark-dev ccache pkg-config iproute2"
+    local pkgs="cmake ninja-build g++ clang libclang-rt-14-dev libgtest-dev libgmock-dev libbenchmark-dev libsqlite3-dev ccache pkg-config iproute2"
     local missing=""
     for p in $pkgs; do
         dpkg -s "$p" >/dev/null 2>&1 || missing="$missing $p"
