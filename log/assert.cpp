@@ -13,7 +13,7 @@ constexpr int kSysModule = 1;
 constexpr size_t kAssertLineMax = 256;
 constexpr int kDevMaskWords = 8; // developer print levels 0 to 255
 
-std::atomic<kt4::log::AssertSysErrFn> g_assertSysErr{nullptr};
+std::atomic<kt4::log::SysErrFn> g_sysErr{nullptr};
 
 uint32_t g_devTaskMask[kDevMaskWords];
 
@@ -29,8 +29,13 @@ bool dev_level_on(int level) {
 
 namespace kt4::log {
 
-void set_assert_syserr(AssertSysErrFn fn) {
-    g_assertSysErr.store(fn, std::memory_order_release);
+void set_syserr(SysErrFn fn) {
+    g_sysErr.store(fn, std::memory_order_release);
+}
+
+int raise_syserr(const char *facility, const char *name, const char *arg) {
+    SysErrFn raise = g_sysErr.load(std::memory_order_acquire);
+    return raise != nullptr ? raise(facility, name, arg) : -1;
 }
 
 } // namespace kt4::log
@@ -54,9 +59,8 @@ void _kt4Assert(const char *expression, const char *file, int line) {
     std::snprintf(text, sizeof text,
                   "%s: *** ASSERTION-FAILED *** Expression '%s' at %s/%d (task id 0x%x).\r\n", name,
                   expression != nullptr ? expression : "", file != nullptr ? file : "", line, id);
-    // The one call site of the assertion system error (kt4SysErr), wired by the event log.
-    if (kt4::log::AssertSysErrFn raise = g_assertSysErr.load(std::memory_order_acquire))
-        raise(text);
+    // The one call site of the assertion system error, sent by the event log once wired.
+    kt4::log::raise_syserr("SYS", "ASSERTION_FAILED", text);
     kt4ErrorPrintf(kSysModule, "%s", text);
     errno = saved;
 }

@@ -30,11 +30,15 @@ void attach_shared_trace(const SharedTrace &shared);
 // The whole flag word of module id (top bit included); 0 for an id outside 0..141.
 uint32_t module_flags(int id);
 
-// The fixed system error that every assertion raises is sent through kt4SysErr, which the
-// event-log part of this family provides. It installs its sender here when it starts;
-// _kt4Assert calls it, with the formatted assertion line, from its one call site.
-using AssertSysErrFn = void (*)(const char *assertionLine);
-void set_assert_syserr(AssertSysErrFn fn);
+// The library's own numbered system errors (an assertion, a task that cannot start, the
+// memory manager's corruption reports) are sent by the event-log family, which stands above
+// every family that raises them. The process wiring (startup/wiring.cpp) installs its raise
+// here; the sites call raise_syserr with the entry's facility and short name and the one
+// argument of its text. Without it (a program built from some families only, or before the
+// wiring ran) raise_syserr does nothing and returns -1: each site prints its trace line anyway.
+using SysErrFn = int (*)(const char *facility, const char *name, const char *arg);
+void set_syserr(SysErrFn fn);
+int raise_syserr(const char *facility, const char *name, const char *arg);
 
 } // namespace kt4::log
 

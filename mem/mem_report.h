@@ -3,10 +3,12 @@
 //
 // Each report is the logging family's kt4MsgPrintf bound to the module; nothing of the
 // allocator's own is added on the way, so the routes are written here rather than in a file of
-// their own. Event-log messages (facility "MEMMGR", severity 2) travel on the trace channel as
-// error lines of module MEMMGR that carry their entry tag, until this process has an event-log
-// key to send them with; memEvent is the one place that changes when it does.
+// their own. System errors and event-log messages (facility "MEMMGR", severity 2) are error
+// lines of module MEMMGR on the trace channel and, through the trace family's hook, records of
+// the event log sent with an EV key of this process when it has one.
 #pragma once
+
+#include "log/log_internal.h"
 
 #include <kt4/log.h>
 
@@ -43,17 +45,22 @@ inline __attribute__((format(printf, 1, 2))) void memError(const char *fmt, ...)
     va_end(ap);
 }
 
-// A system error: corruption found in the allocator's own records. The single place where the
-// event log's numbered system error (kt4SysErr) takes over once this family has its event-log
-// key; until then an error line.
+// A system error: corruption found in the allocator's own records, or a request the
+// allocator refuses. An error line on the trace channel, and the numbered system error
+// "MEMMGR" / "MEM_CORRUPTED" with the same text through the event log (once wired; it is sent
+// through an EV key of this process when it has one).
 inline __attribute__((format(printf, 1, 2))) void memSysErr(const char *fmt, ...) {
+    char text[400];
     va_list ap;
     va_start(ap, fmt);
-    memReport(KT4_TRACE_KIND_ERROR, fmt, ap);
+    std::vsnprintf(text, sizeof text, fmt, ap);
     va_end(ap);
+    kt4ErrorPrintf(kMemMgrModule, "%s", text);
+    kt4::log::raise_syserr("MEMMGR", "MEM_CORRUPTED", text);
 }
 
-// An event-log message of facility "MEMMGR", severity 2, under the entry tag.
+// An event-log message of facility "MEMMGR", severity 2, under the entry tag: an error line
+// that carries the tag, and the entry of that name through the event log.
 inline __attribute__((format(printf, 2, 3))) void memEvent(const char *tag, const char *fmt, ...) {
     char text[400];
     va_list ap;
@@ -61,6 +68,7 @@ inline __attribute__((format(printf, 2, 3))) void memEvent(const char *tag, cons
     std::vsnprintf(text, sizeof text, fmt, ap);
     va_end(ap);
     kt4ErrorPrintf(kMemMgrModule, "%s: %s", tag, text);
+    kt4::log::raise_syserr("MEMMGR", tag, text);
 }
 
 // The memory-debug bit (16) of the developer task mask. The allocation path asks.

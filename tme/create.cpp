@@ -8,6 +8,7 @@
 // runs, so that kt4GetMyTaskKey answers from its first instruction.
 #include "common/kt4_check.h"
 #include "ident/localinfo.h"
+#include "log/log_internal.h"
 #include "platform/shm_area.h"
 #include "tme/card_table.h"
 
@@ -467,16 +468,20 @@ int kt4_taskSpawn(const char *name, int priority, int options, int stackSize, kt
 int kt4TaskStartup(int key, int options) {
     const int service = kt4TaskGetServiceByKey(key);
     const int instance = kt4TaskGetInstanceByKey(key);
-    if (service == -1 || instance == -1) return -1;
+    if (service == -1 || instance == -1) {
+        char text[16];
+        std::snprintf(text, sizeof text, "0x%x", static_cast<unsigned>(key));
+        kt4::log::raise_syserr("TME", "INVALID_TASK_KEY", text);
+        return -1;
+    }
     bool opened = kt4IpcOpen(service, instance) != -1;
     if (opened && (options & KT4_TASK_STARTUP_TIMER_Q))
         opened = kt4IpcTmrOpen(service, instance) != -1;
     if (!opened) {
         const char *name = or_empty(taskName(0));
         kt4ErrorPrintf(kModule, "Failed to open sockets for %s on task startup", name);
-        // EVENT LOG: the event "TME" / "TASK_STARTUP_FAIL" with the text above is raised here
-        // once the event log's records can be sent; until then the failure is reported on the
-        // trace channel only.
+        // The event "TME" / "TASK_STARTUP_FAIL" carries the same text to the event log.
+        kt4::log::raise_syserr("TME", "TASK_STARTUP_FAIL", name);
         return -1;
     }
     if (!(options & KT4_TASK_STARTUP_NO_READY) && kt4TaskReady(key) != 0)

@@ -10,6 +10,9 @@
  *
  * Results: -1 on failure unless a call says otherwise.
  *
+ * docs/eventlog.md says what kt4SysErrExt passes on where (its decision table), what the
+ * subscription asks for, how a process adds its own facility, and what the process caches.
+ *
  * The second half of this header is the wire format of every message this family sends: the
  * offsets are from the start of the message (the 60-byte IPC header is at 0), integers are
  * big-endian, strings are NUL-terminated within their field. A server parses them with these
@@ -84,6 +87,13 @@ int kt4SysErr(int evKey, int error, const kt4EvtArg *args, uint16_t nargs);
 int kt4SysSecErr(int evKey, int error, const kt4EvtArg *args, uint16_t nargs);
 int kt4SysErrExt(int evKey, int error, const kt4EvtArg *args, uint16_t nargs, int errClass);
 
+/* The library's own system errors (an assertion, a task that cannot start, the memory
+ * manager's reports): the entry named name of the facility named facility, its format given
+ * arg as its one argument, sent through the calling task's EV key, or else any key of this
+ * process. -1 (errno ENOENT) when there is no such entry or this process has no key: the
+ * caller's own trace line is then the only report. */
+int kt4EvtRaise(const char *facility, const char *name, const char *arg);
+
 /* The error table: one row per facility, each an array of entries. */
 typedef struct kt4EvtError {
     uint32_t error;     /* number within the facility */
@@ -102,8 +112,8 @@ int kt4EvtAddFacility(int facility, const char *name, const kt4EvtError *entries
 
 /* Event-handler notification: the event's name, two words and a 16-bit field of the caller's,
  * and an optional 256-byte block (null: none). */
-int kt4EvtNotifyEvtHdlr(int evKey, const char *name, uint32_t word1, uint32_t word2,
-                        uint16_t field, const void *block);
+int kt4EvtNotifyEvtHdlr(int evKey, const char *name, uint32_t word1, uint32_t word2, uint16_t field,
+                        const void *block);
 /* Asks the event handler to send (or stop sending) events of one facility and error number
  * (error 0xFFFFFFFF: all of that facility) to the key's request queue. */
 int kt4EvhSubscribeEvt(int evKey, int facility, uint32_t error);
@@ -115,7 +125,7 @@ int kt4SendAuditLog(uint32_t code, const char *user, const char *source, const c
 
 /* ---- Wire format ------------------------------------------------------------------------ */
 
-#define KT4_EVT_MSG_TYPE_LOG 2001   /* registration and log records */
+#define KT4_EVT_MSG_TYPE_LOG 2001 /* registration and log records */
 #define KT4_EVT_MSG_TYPE_NOTIFY 2009
 #define KT4_EVT_MSG_TYPE_SUBSCRIBE 2010
 #define KT4_EVT_MSG_TYPE_UNSUBSCRIBE 2011
@@ -138,27 +148,27 @@ int kt4SendAuditLog(uint32_t code, const char *user, const char *source, const c
 
 /* Log record (968 bytes): one chunk of a text. */
 #define KT4_EVT_LOG_LEN 968
-#define KT4_EVT_LOG_CHUNKS 60     /* u32: chunk count << 16 | this chunk's index (0-based) */
-#define KT4_EVT_LOG_UNIT 64       /* u32: stack unit id */
-#define KT4_EVT_LOG_LEVEL 68      /* u32 */
-#define KT4_EVT_LOG_FACILITY 72   /* u32 */
-#define KT4_EVT_LOG_ERROR 76      /* u32 */
-#define KT4_EVT_LOG_CLASS 80      /* u32 */
-#define KT4_EVT_LOG_EVKEY 84      /* u32 */
-#define KT4_EVT_LOG_PID 88        /* u32 */
-#define KT4_EVT_LOG_SEQ 92        /* u32: per-process record number, the same in every chunk */
-#define KT4_EVT_LOG_TIME 96       /* u32: seconds since the epoch */
-#define KT4_EVT_LOG_TEXTLEN 100   /* u32: length of the whole text */
-#define KT4_EVT_LOG_TAG 104       /* char[250] */
+#define KT4_EVT_LOG_CHUNKS 60   /* u32: chunk count << 16 | this chunk's index (0-based) */
+#define KT4_EVT_LOG_UNIT 64     /* u32: stack unit id */
+#define KT4_EVT_LOG_LEVEL 68    /* u32 */
+#define KT4_EVT_LOG_FACILITY 72 /* u32 */
+#define KT4_EVT_LOG_ERROR 76    /* u32 */
+#define KT4_EVT_LOG_CLASS 80    /* u32 */
+#define KT4_EVT_LOG_EVKEY 84    /* u32 */
+#define KT4_EVT_LOG_PID 88      /* u32 */
+#define KT4_EVT_LOG_SEQ 92      /* u32: per-process record number, the same in every chunk */
+#define KT4_EVT_LOG_TIME 96     /* u32: seconds since the epoch */
+#define KT4_EVT_LOG_TEXTLEN 100 /* u32: length of the whole text */
+#define KT4_EVT_LOG_TAG 104     /* char[250] */
 #define KT4_EVT_LOG_TAG_LEN 250
-#define KT4_EVT_LOG_NAME 354      /* char[50]: task name */
+#define KT4_EVT_LOG_NAME 354 /* char[50]: task name */
 #define KT4_EVT_LOG_NAME_LEN 50
-#define KT4_EVT_LOG_LABEL 404     /* char[20]: unit label */
+#define KT4_EVT_LOG_LABEL 404 /* char[20]: unit label */
 #define KT4_EVT_LOG_LABEL_LEN 20
-#define KT4_EVT_LOG_CPU 424       /* char[8]: CPU tag */
+#define KT4_EVT_LOG_CPU 424 /* char[8]: CPU tag */
 #define KT4_EVT_LOG_CPU_LEN 8
-#define KT4_EVT_LOG_CHUNKLEN 432  /* u32: bytes of text in this chunk (0..500) */
-#define KT4_EVT_LOG_TEXT 436      /* char[501]: the chunk, NUL-terminated */
+#define KT4_EVT_LOG_CHUNKLEN 432 /* u32: bytes of text in this chunk (0..500) */
+#define KT4_EVT_LOG_TEXT 436     /* char[501]: the chunk, NUL-terminated */
 #define KT4_EVT_LOG_TEXT_LEN 501
 /* 937..967: zero */
 
@@ -166,7 +176,7 @@ int kt4SendAuditLog(uint32_t code, const char *user, const char *source, const c
  * queue id: this card's IP and the owner's queue id; target slot: the master slot; target
  * address and queue id: the event handler's. */
 #define KT4_EVT_NOTIFY_LEN 592
-#define KT4_EVT_NOTIFY_NAME 60   /* char[256] */
+#define KT4_EVT_NOTIFY_NAME 60 /* char[256] */
 #define KT4_EVT_NOTIFY_NAME_LEN 256
 #define KT4_EVT_NOTIFY_WORD1 316 /* u32 */
 #define KT4_EVT_NOTIFY_WORD2 320 /* u32 */
@@ -186,12 +196,12 @@ int kt4SendAuditLog(uint32_t code, const char *user, const char *source, const c
 
 /* Audit record (904 bytes). */
 #define KT4_EVT_AUDIT_LEN 904
-#define KT4_EVT_AUDIT_CODE 60    /* u32 */
-#define KT4_EVT_AUDIT_USER 64    /* char[21] */
+#define KT4_EVT_AUDIT_CODE 60 /* u32 */
+#define KT4_EVT_AUDIT_USER 64 /* char[21] */
 #define KT4_EVT_AUDIT_USER_LEN 21
-#define KT4_EVT_AUDIT_SOURCE 85  /* char[51] */
+#define KT4_EVT_AUDIT_SOURCE 85 /* char[51] */
 #define KT4_EVT_AUDIT_SOURCE_LEN 51
-#define KT4_EVT_AUDIT_TEXT 136   /* char[768] */
+#define KT4_EVT_AUDIT_TEXT 136 /* char[768] */
 #define KT4_EVT_AUDIT_TEXT_LEN 768
 
 KT4_END_DECLS

@@ -6,6 +6,7 @@
 
 #include <kt4/common.h>
 #include <kt4/containers.h>
+#include <kt4/evt.h>
 #include <kt4/hostsim.h>
 #include <kt4/ident.h>
 #include <kt4/ipc.h>
