@@ -224,16 +224,18 @@ int kt4EvtRaise(const char *facility, const char *name, const char *arg) {
         errno = EDEADLK;
         return -1;
     }
-    const int fac = facility_by_name(facility);
-    kt4EvtError entry{};
-    if (fac < 0 || !entry_by_name(fac, name, entry)) {
-        errno = ENOENT;
-        return -1;
-    }
+    // The key first: a process without one only traces, and then the error table (and its
+    // lock, made on first use) is never touched.
     int evKey = kt4EvtGetMyEvKey();
     if (evKey == -1) evKey = kt4EvtGetEvKeyFromPid(static_cast<int>(getpid()));
     KeySnapshot k;
     if (evKey == -1 || !snapshot(evKey, k)) {
+        errno = ENOENT;
+        return -1;
+    }
+    const int fac = facility_by_name(facility);
+    kt4EvtError entry{};
+    if (fac < 0 || !entry_by_name(fac, name, entry)) {
         errno = ENOENT;
         return -1;
     }
