@@ -79,7 +79,12 @@ int kt4_tmeSetState(int state);            /* 0, or -1 without the shared area *
  * preferring an entry of this card's slot; all ones when not found. status may be null. */
 uint32_t kt4_tmeGetPeerIpAddrByName(int service, int instance, int *status);
 /* Waits, one second at a time, until the task manager's state is 18, then looks up the task
- * (service, instance) registered by a card in the given slot. */
+ * (service, instance) registered by a card in the given slot: this card's table for this
+ * card's slot (or a negative slot: any, this card's first); for another slot, the task
+ * manager service of that card (below), which answers from its own table. A card whose
+ * manager service does not answer within KT4_TME_REMOTE_WAIT_MS gives
+ * KT4_TME_PEER_UNKNOWN, as does a card that has none; a slot that has no card address
+ * (above 24) gives KT4_TME_PEER_INVALID. Both with all ones. */
 uint32_t kt4_tmeGetPeerIpAddrByNameAndSlot(int service, int instance, int slot, int *status);
 /* Retries kt4_tmeGetPeerIpAddrByName until it finds the peer, waiting 10 ticks after each of
  * the first nine failures, 20 after the next ten, and so on; all ones (-1) after 100 tries. */
@@ -88,6 +93,37 @@ uint32_t kt4_tmeGetTaskIpAddrByName(int service, int instance, int *status);
  * kind 1 is served by a master control processor (flag 0x400 of its instance-table row selects
  * the second one) and the retries wait 10 ticks each. */
 uint32_t kt4_tmeGetTaskIpAddrByName2(int service, int instance, int *status, int kind);
+
+/* ---- The task manager service: look-ups for another card ----
+ *
+ * Each card runs a task manager service (the program tmed: service 13, instance 0) bound on
+ * its card address, kt4GetCpuIpcAddr(slot, 1, ...), which a card of another slot reaches by
+ * the slot alone. A look-up is one send-and-wait exchange of two messages, both of message
+ * type KT4_TME_PEER_MSG_TYPE and matched by the header's transaction; every integer is
+ * big-endian:
+ *   request, command type REQ, KT4_TME_PEER_REQ_LEN (72) bytes: the IPC header, then
+ *     u32 service at 60, u32 instance at 64, u32 slot at 68 (the slot the asker means);
+ *   reply, command type RSP, KT4_TME_PEER_RSP_LEN (68) bytes: the request's header with the
+ *     source and target triples exchanged, then
+ *     u32 status at 60 (KT4_TME_PEER_*), u32 address at 64 (host order once read; all ones
+ *     unless the status is KT4_TME_PEER_FOUND).
+ * The service answers only requests for its own slot (another slot: KT4_TME_PEER_UNKNOWN) and
+ * from a source address in 127/8; a request of another length, type or command type is
+ * counted and dropped without a reply. The asker sends from a socket of its own on its card
+ * address, so that a look-up never takes a reply meant for the calling task's endpoint; it
+ * sends at most twice, waiting KT4_TME_REMOTE_WAIT_MS / 2 each time, and gives up at once
+ * when the card refuses the datagram (no service bound there). */
+#define KT4_TME_PEER_INSTANCE 0
+#define KT4_TME_PEER_MSG_TYPE 1602 /* 0x642, the task manager's module (4) */
+#define KT4_TME_PEER_REQ_LEN 72
+#define KT4_TME_PEER_REQ_SERVICE 60
+#define KT4_TME_PEER_REQ_INSTANCE 64
+#define KT4_TME_PEER_REQ_SLOT 68
+#define KT4_TME_PEER_RSP_LEN 68
+#define KT4_TME_PEER_RSP_STATUS 60
+#define KT4_TME_PEER_RSP_ADDR 64
+#define KT4_TME_REMOTE_WAIT_MS 1000
+#define KT4_TME_MAX_SLOT 24 /* the highest slot with a card address (slot * 10 + 13 <= 255) */
 
 /* The wait between look-up tries: by default taskDelay(ticks). A test or a simulator may put
  * its own in place (null restores the default); it is process-wide. */
