@@ -87,7 +87,10 @@ class Locked {
   public:
     Locked() {
         if (!shm::mapped() || !shmlock::is_open(kTmeLock)) return;
-        if (KT4_ShmLock(kTmeLock) != OK) return;
+        // The quiet take gives up when the lock's set is gone (the card taken down while this
+        // process still runs), where KT4_ShmLock would wait for ever: a process that outlives
+        // its card then ends without its table work instead of hanging in its exit handler.
+        if (!shmlock::take(kTmeLock)) return;
         held_ = true;
         KT4_TSAN_ACQUIRE(&tsan_token_);
         t_ = find_table();
@@ -95,7 +98,7 @@ class Locked {
     ~Locked() {
         if (!held_) return;
         KT4_TSAN_RELEASE(&tsan_token_);
-        KT4_ShmUnLock(kTmeLock);
+        shmlock::give(kTmeLock);
     }
     Locked(const Locked &) = delete;
     Locked &operator=(const Locked &) = delete;
