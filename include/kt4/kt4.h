@@ -14,6 +14,7 @@
 #include <kt4/log.h>
 #include <kt4/mem.h>
 #include <kt4/platform.h>
+#include <kt4/swp.h>
 #include <kt4/timer.h>
 #include <kt4/tme.h>
 #include <kt4/vx2bsd.h>
