@@ -12,7 +12,7 @@
 # KT4_PUBLIC_<f>       its public headers, include/kt4/<name>.h
 # KT4_LAYER_EXCEPTIONS "<file>:<included header>" pairs that break the order today; each is
 #                      named here with the reason, and the check fails on any other
-set(KT4_FAMILY_ORDER common log vx2bsd containers timer mem platform ident ipc tme evt swp ifm startup)
+set(KT4_FAMILY_ORDER common log vx2bsd containers timer mem platform ident ipc tme evt swp cfg ifm startup)
 
 set(KT4_USES_common "")
 set(KT4_USES_log common)
@@ -26,8 +26,9 @@ set(KT4_USES_ipc common log vx2bsd ident)
 set(KT4_USES_tme common log vx2bsd containers timer platform ident ipc)
 set(KT4_USES_evt common log vx2bsd containers timer platform ident ipc tme)
 set(KT4_USES_swp common log vx2bsd containers timer platform ident ipc tme evt)
+set(KT4_USES_cfg common log vx2bsd containers timer platform ident ipc tme evt)
 set(KT4_USES_ifm common)
-set(KT4_USES_startup common log vx2bsd containers timer mem platform ident ipc tme evt swp ifm)
+set(KT4_USES_startup common log vx2bsd containers timer mem platform ident ipc tme evt swp cfg ifm)
 
 set(KT4_SHARES_common kt4_be.h kt4_check.h kt4_clock.h kt4_mc.h kt4_proc.h atomic_be32.h)
 set(KT4_SHARES_log log_internal.h trace_ring.h)
@@ -41,6 +42,7 @@ set(KT4_SHARES_ipc "")
 set(KT4_SHARES_tme registry.h)
 set(KT4_SHARES_evt "")
 set(KT4_SHARES_swp "")
+set(KT4_SHARES_cfg "")
 set(KT4_SHARES_ifm "")
 set(KT4_SHARES_startup "")
 
@@ -58,6 +60,7 @@ set(KT4_PUBLIC_ipc ipc)
 set(KT4_PUBLIC_tme tme)
 set(KT4_PUBLIC_evt evt)
 set(KT4_PUBLIC_swp swp)
+set(KT4_PUBLIC_cfg cfg)
 set(KT4_PUBLIC_ifm ifm)
 set(KT4_PUBLIC_startup kt4)
 

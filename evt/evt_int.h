@@ -121,6 +121,7 @@ constexpr int kFacilityTme = 1;
 constexpr int kFacilitySys = 2;
 constexpr int kFacilityEvl = 3;
 constexpr int kFacilityMem = 31;
+constexpr int kFacilitySwp = 160;
 
 // ---- Records (records.cpp) ----
 

@@ -219,17 +219,29 @@ int kt4SysSecErr(int evKey, int error, const kt4EvtArg *args, uint16_t nargs) {
 }
 
 int kt4EvtRaise(const char *facility, const char *name, const char *arg) {
+    // The key first: a process without one only traces, and then the error table (and its
+    // lock, made on first use) is never touched.
+    int evKey = kt4EvtGetMyEvKey();
+    if (evKey == -1) evKey = kt4EvtGetEvKeyFromPid(static_cast<int>(getpid()));
+    if (evKey == -1) {
+        errno = ENOENT;
+        return -1;
+    }
+    return kt4EvtRaiseKey(evKey, facility, name, arg);
+}
+
+int kt4EvtRaiseKey(int evKey, const char *facility, const char *name, const char *arg) {
+    if (!key_in_range(evKey)) {
+        errno = EINVAL;
+        return -1;
+    }
     RaiseGuard guard;
     if (!guard.first()) {
         errno = EDEADLK;
         return -1;
     }
-    // The key first: a process without one only traces, and then the error table (and its
-    // lock, made on first use) is never touched.
-    int evKey = kt4EvtGetMyEvKey();
-    if (evKey == -1) evKey = kt4EvtGetEvKeyFromPid(static_cast<int>(getpid()));
     KeySnapshot k;
-    if (evKey == -1 || !snapshot(evKey, k)) {
+    if (!snapshot(evKey, k)) {
         errno = ENOENT;
         return -1;
     }

@@ -67,6 +67,10 @@ constexpr kt4EvtError kMemErrors[] = {
     {4, 2, "HIGHHIGHWATERMARK", "%s"},
 };
 
+constexpr kt4EvtError kSwpErrors[] = {
+    {1, 3, "SWP_ERROR", "%s"},
+};
+
 struct FacilityRow {
     const char *name = nullptr;
     const kt4EvtError *entries = nullptr;
@@ -82,6 +86,7 @@ struct ErrorTable {
         rows[kFacilitySys] = {"SYS", kSysErrors, 1};
         rows[kFacilityEvl] = {"EVL", kEvlErrors, 1};
         rows[kFacilityMem] = {"MEMMGR", kMemErrors, 4};
+        rows[kFacilitySwp] = {"SWP", kSwpErrors, 1};
     }
 };
 

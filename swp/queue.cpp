@@ -525,9 +525,7 @@ void sys_err(uint32_t evtLogKey, const char *format, ...) {
     std::vsnprintf(text, sizeof text, format, ap);
     va_end(ap);
     kt4ErrorPrintf(kModule, "%s\r\n", text);
-    kt4EvtArg arg;
-    arg.s = text;
-    kt4SysErr(static_cast<int>(evtLogKey), kSysErrNo, &arg, 1);
+    kt4EvtRaiseKey(static_cast<int>(evtLogKey), "SWP", "SWP_ERROR", text);
 }
 
 } // namespace kt4::swp

@@ -93,6 +93,10 @@ int kt4SysErrExt(int evKey, int error, const kt4EvtArg *args, uint16_t nargs, in
  * process. -1 (errno ENOENT) when there is no such entry or this process has no key: the
  * caller's own trace line is then the only report. */
 int kt4EvtRaise(const char *facility, const char *name, const char *arg);
+/* The same through a given EV key: for a family of the library that reports through its
+ * user's key (a reliable queue's errors go through the key it was created with) under an entry
+ * of its own facility. -1 (errno EINVAL) for a bad key, ENOENT for no such entry. */
+int kt4EvtRaiseKey(int evKey, const char *facility, const char *name, const char *arg);
 
 /* The error table: one row per facility, each an array of entries. */
 typedef struct kt4EvtError {

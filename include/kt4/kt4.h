@@ -4,6 +4,7 @@
 #ifndef KT4_KT4_H
 #define KT4_KT4_H
 
+#include <kt4/cfg.h>
 #include <kt4/common.h>
 #include <kt4/containers.h>
 #include <kt4/evt.h>
