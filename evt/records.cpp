@@ -3,6 +3,8 @@
 // <kt4/evt.h>.
 #include "evt/evt_int.h"
 
+#include "common/kt4_clock.h"
+
 #include <kt4/hostsim.h>
 #include <kt4/ipc.h>
 #include <kt4/log.h>
@@ -134,6 +136,30 @@ uint32_t peer_with_retries(int service, int instance, int tries) {
     return kNone;
 }
 
+// The event-log server's address, kept between records: the look-up walks the card's task
+// table under its lock and asks whether the server still lives, which would otherwise cost
+// every record more than its send. The address is asked again once it is a second old and
+// after any failed send, so a server that stops is seen within a second.
+class ServerAddress {
+  public:
+    uint32_t get() {
+        const uint64_t now = kt4::mono_usec();
+        uint32_t ip = ip_.load(std::memory_order_acquire);
+        if (ip != kNone && now < until_.load(std::memory_order_acquire)) return ip;
+        ip = kt4_tmeGetPeerIpAddrByName(KT4_EVT_LOG_SERVICE, 0, nullptr);
+        until_.store(now + kKeepUsec, std::memory_order_release);
+        ip_.store(ip, std::memory_order_release);
+        return ip;
+    }
+    void forget() { ip_.store(kNone, std::memory_order_release); }
+
+  private:
+    static constexpr uint64_t kKeepUsec = 1000000;
+    std::atomic<uint32_t> ip_{kNone};
+    std::atomic<uint64_t> until_{0};
+};
+ServerAddress g_server;
+
 uint32_t owner_ip(const KeySnapshot &k) {
     if (k.peerIp != kNone) return k.peerIp;
     uint32_t ip = kt4_tmeGetPeerIpAddrByName(k.service, k.instance, nullptr);
@@ -198,7 +224,7 @@ int send_log(const KeySnapshot &k, int level, int facility, int error, uint32_t 
     }
     const uint32_t chunks = static_cast<uint32_t>((len + KT4_EVT_CHUNK - 1) / KT4_EVT_CHUNK);
     if (chunks == 0) return 0;
-    const uint32_t serverIp = kt4_tmeGetPeerIpAddrByName(KT4_EVT_LOG_SERVICE, 0, nullptr);
+    const uint32_t serverIp = g_server.get();
     if (serverIp == kNone) {
         errno = EHOSTUNREACH;
         return -1;
@@ -241,7 +267,10 @@ int send_log(const KeySnapshot &k, int level, int facility, int error, uint32_t 
         const int sent = level < KT4_EVT_LEVEL_PLAIN
                              ? kt4IpcSend(reqQ, msg, KT4_EVT_LOG_LEN)
                              : kt4IpcNonGuaranteedSend(reqQ, msg, KT4_EVT_LOG_LEN);
-        if (sent < 0) return -1;
+        if (sent < 0) {
+            g_server.forget();
+            return -1;
+        }
     }
     return 0;
 }

@@ -144,8 +144,10 @@ size_t format_args(char *out, size_t outLen, const char *format, const kt4EvtArg
                 v = isSigned ? static_cast<signed char>(v) : static_cast<unsigned char>(v);
             else if (lmLen == 1 && lm[0] == 'h')
                 v = isSigned ? static_cast<short>(v) : static_cast<unsigned short>(v);
+            else if (lmLen == 0 && isSigned)
+                v = static_cast<int>(v); // (not one conditional: its type would be unsigned)
             else if (lmLen == 0)
-                v = isSigned ? static_cast<int>(v) : static_cast<unsigned>(v);
+                v = static_cast<unsigned>(v);
             spec[head] = 'l';
             spec[head + 1] = 'l';
             spec[head + 2] = conv;

@@ -54,13 +54,13 @@ TEST(EvtSysErr, FormatsTheEntryAndFollowsTheDecisionTable) {
     server.drain();
     kt4EvtArg args[4];
     args[0].s = "sda";
-    args[1].i = 93;
+    args[1].i = -93; // %d keeps its sign
     args[2].i = 0xbeef;
     args[3].i = 0x1FF; // %hhu: 255
     ASSERT_EQ(kt4SysErr(k, 7, args, 4), 0);
     std::vector<unsigned char> m = next_log(server);
     ASSERT_EQ(m.size(), size_t{KT4_EVT_LOG_LEN});
-    EXPECT_EQ(text_of(m), "disk sda at 93% (0xbeef|255 |) %q  ");
+    EXPECT_EQ(text_of(m), "disk sda at -93% (0xbeef|255 |) %q  ");
     EXPECT_EQ(be32_of(m, KT4_EVT_LOG_LEVEL), 4u);
     EXPECT_EQ(be32_of(m, KT4_EVT_LOG_FACILITY), 129u);
     EXPECT_EQ(be32_of(m, KT4_EVT_LOG_ERROR), 7u);
