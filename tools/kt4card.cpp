@@ -25,6 +25,8 @@
 // never changes the card.
 #include "platform/health.h"
 #include "platform/shm_area.h"
+#include "tools/card_view.h"
+#include "tools/json_out.h"
 
 #include <kt4/hostsim.h>
 #include <kt4/ipc.h>
@@ -64,8 +66,7 @@ constexpr int kExitNotExecutable = 126;
 constexpr int kExitNotFound = 127;
 
 constexpr size_t kDefaultCardBytes = 8u << 20;
-constexpr int kRunPriority = 100; // an ordinary control-process task
-constexpr int kLockCount = KT4_SHM_NUM_LOCKS + KT4_SHM_NUM_RW_LOCKS;
+constexpr int kRunPriority = 100;           // an ordinary control-process task
 constexpr const char *kArgDelims = " \t\n"; // kt4TaskCreate splits its argument string on these
 
 const char *const kUsage =
@@ -102,15 +103,7 @@ void usage_error(const char *fmt, const char *what) {
     std::fprintf(stderr, "\n(kt4card --help shows the usage)\n");
 }
 
-bool parse_long(const char *s, long lo, long hi, long *out) {
-    if (s == nullptr || *s == '\0') return false;
-    char *end = nullptr;
-    errno = 0;
-    long v = std::strtol(s, &end, 0);
-    if (errno != 0 || end == nullptr || *end != '\0' || v < lo || v > hi) return false;
-    *out = v;
-    return true;
-}
+using kt4::tools::parse_long;
 
 struct Options {
     std::string command;
@@ -250,85 +243,23 @@ bool parse(int argc, char **argv, Options &o) {
 
 // ---- what is there of a card -------------------------------------------------------------
 
-int key_offset() {
-    long n = 0;
-    const char *v = std::getenv("KT4_SYSV_KEY_OFFSET");
-    return v != nullptr && parse_long(v, INT_MIN, INT_MAX, &n) ? static_cast<int>(n) : 0;
-}
+using kt4::tools::key_offset;
 
 std::string root_dir() {
     const char *r = std::getenv("KT4_ROOT");
     return r != nullptr && *r != '\0' ? r : "/kt4";
 }
 
-struct LockState {
-    const char *kind; // "plain" or "rw"
-    int number;
-    int key;
-    int id; // -1 when the set does not exist
-};
+using kt4::tools::kLockCount;
+using LockState = kt4::tools::LockSet;
+using FileLook = kt4::tools::CardView;
 
 std::vector<LockState> locks() {
-    std::vector<LockState> out;
-    const int off = key_offset();
-    for (int n = 0; n < KT4_SHM_NUM_LOCKS; ++n)
-        out.push_back({"plain", n, KT4_SHM_LOCK_KEY_BASE + n + off, -1});
-    for (int n = 0; n < KT4_SHM_NUM_RW_LOCKS; ++n)
-        out.push_back({"rw", n, KT4_SHM_RW_LOCK_KEY_BASE + n + off, -1});
-    // semget without IPC_CREAT only looks: a missing set stays missing.
-    for (LockState &l : out)
-        l.id = semget(static_cast<key_t>(l.key), 0, 0);
-    return out;
+    return kt4::tools::lock_sets();
 }
 
 int present(const std::vector<LockState> &ls) {
-    int n = 0;
-    for (const LockState &l : ls)
-        n += l.id >= 0;
-    return n;
-}
-
-// The shared memory file, mapped read-only and private to this look.
-struct FileLook {
-    bool exists = false;
-    off_t bytes = 0;
-    void *image = nullptr;
-    kt4::shm::View view;
-    const char *why = nullptr; // why the area is unusable, or null
-    ~FileLook() {
-        if (image != nullptr) munmap(image, static_cast<size_t>(bytes));
-    }
-    bool valid() const { return why == nullptr && exists; }
-};
-
-void look_at_file(const char *file, FileLook &f) {
-    struct stat st {};
-    if (stat(file, &st) != 0) return;
-    f.exists = true;
-    f.bytes = st.st_size;
-    if (!S_ISREG(st.st_mode)) {
-        f.why = "not a regular file";
-        return;
-    }
-    int fd = open(file, O_RDONLY | O_CLOEXEC);
-    if (fd < 0) {
-        f.why = std::strerror(errno);
-        return;
-    }
-    if (f.bytes >= static_cast<off_t>(kt4::shm::kHeaderBytes)) {
-        void *p = mmap(nullptr, static_cast<size_t>(f.bytes), PROT_READ, MAP_PRIVATE, fd, 0);
-        if (p != MAP_FAILED) f.image = p;
-    }
-    close(fd);
-    if (f.image == nullptr) {
-        f.why = "too small for the area header";
-        return;
-    }
-    kt4::shm::validate(f.image, static_cast<size_t>(f.bytes), f.view, &f.why);
-}
-
-bool alive(uint32_t pid) {
-    return pid != 0 && (kill(static_cast<pid_t>(pid), 0) == 0 || errno == EPERM);
+    return kt4::tools::lock_sets_present(ls);
 }
 
 struct Proc {
@@ -340,20 +271,17 @@ struct Proc {
 // The processes whose health records say they run, and that do.
 std::vector<Proc> live_processes(const FileLook &f) {
     std::vector<Proc> out;
-    if (!f.valid()) return out;
-    size_t bytes = 0;
-    auto *table = reinterpret_cast<const kt4::health::Record *>(
-        kt4::shm::table_in(f.view, kt4::shm::kHealth, &bytes));
-    if (table == nullptr || bytes < kt4::health::kTableBytes) return out;
+    std::vector<std::byte> copy;
+    const char *why = nullptr;
+    if (f.copy_table(kt4::shm::kHealth, copy, &why) <= 0 || copy.size() < kt4::health::kTableBytes)
+        return out;
+    auto *table = reinterpret_cast<const kt4::health::Record *>(copy.data());
     for (int i = 0; i < KT4_HEALTH_RECORDS; ++i) {
         const kt4::health::Record &r = table[i];
         const uint32_t state = r.state;
         if (state != KT4_HEALTH_STARTING && state != KT4_HEALTH_RUNNING) continue;
-        if (!alive(r.pid)) continue;
-        char name[sizeof r.name + 1];
-        std::memcpy(name, r.name, sizeof r.name);
-        name[sizeof r.name] = '\0';
-        out.push_back({i, r.pid, name});
+        if (!kt4::tools::pid_alive(r.pid)) continue;
+        out.push_back({i, r.pid, kt4::tools::field_text(r.name, sizeof r.name)});
     }
     return out;
 }
@@ -389,10 +317,10 @@ int cmd_up(const Options &o) {
     const std::string root = root_dir();
     const char *file = kt4GetShmFileName(0);
     FileLook f;
-    look_at_file(file, f);
+    f.open(file);
     std::vector<LockState> ls = locks();
     const int have = present(ls);
-    if (f.exists || have > 0) {
+    if (f.exists() || have > 0) {
         if (f.valid() && have == kLockCount)
             std::fprintf(stderr, "kt4card: a card is already up at %s (key offset %d)\n",
                          root.c_str(), key_offset());
@@ -400,7 +328,7 @@ int cmd_up(const Options &o) {
             std::fprintf(stderr,
                          "kt4card: leftovers of a card at %s (key offset %d): shared memory file "
                          "%s, %d of %d locks\n",
-                         root.c_str(), key_offset(), f.exists ? "present" : "missing", have,
+                         root.c_str(), key_offset(), f.exists() ? "present" : "missing", have,
                          kLockCount);
         std::fprintf(stderr, "kt4card: 'kt4card down' removes it first\n");
         return kExitFail;
@@ -454,20 +382,20 @@ int cmd_status(const Options &) {
     const std::string root = root_dir();
     const char *file = kt4GetShmFileName(0);
     FileLook f;
-    look_at_file(file, f);
+    f.open(file);
     std::vector<LockState> ls = locks();
     const int have = present(ls);
     const bool up = f.valid() && have == kLockCount;
     std::printf("card at %s: %s\n", root.c_str(),
-                up                     ? "up"
-                : f.exists || have > 0 ? "partly there (not up)"
-                                       : "not up");
+                up                       ? "up"
+                : f.exists() || have > 0 ? "partly there (not up)"
+                                         : "not up");
     std::printf("identity: %s\n", card_words().c_str());
-    if (!f.exists)
+    if (!f.exists())
         std::printf("shared memory file %s: missing\n", file);
     else
-        std::printf("shared memory file %s: %jd bytes, %s\n", file, static_cast<intmax_t>(f.bytes),
-                    f.valid() ? "laid out" : f.why);
+        std::printf("shared memory file %s: %jd bytes, %s\n", file,
+                    static_cast<intmax_t>(f.file_bytes()), f.valid() ? "laid out" : f.why());
     std::printf("locks: %d of %d present (value 1: free, 0: taken; reader-writer: 3 free, "
                 "1..2 read, 0 written)\n",
                 have, kLockCount);
@@ -495,9 +423,9 @@ int cmd_down(const Options &o) {
     const std::string root = root_dir();
     const char *file = kt4GetShmFileName(0);
     FileLook f;
-    look_at_file(file, f);
+    f.open(file);
     const int have = present(locks());
-    if (!f.exists && have == 0) {
+    if (!f.exists() && have == 0) {
         std::printf("kt4card: no card at %s (key offset %d): nothing to remove\n", root.c_str(),
                     key_offset());
         return kExitOk;
@@ -519,12 +447,12 @@ int cmd_down(const Options &o) {
                      std::strerror(errno));
         return kExitFail;
     }
-    if (f.exists && unlink(file) != 0 && errno != ENOENT) {
+    if (f.exists() && unlink(file) != 0 && errno != ENOENT) {
         std::fprintf(stderr, "kt4card: cannot remove %s: %s\n", file, std::strerror(errno));
         return kExitFail;
     }
     std::printf("kt4card: card at %s down: %d lock(s) and %s removed\n", root.c_str(), have,
-                f.exists ? file : "no shared memory file");
+                f.exists() ? file : "no shared memory file");
     return kExitOk;
 }
 
@@ -681,18 +609,18 @@ int cmd_run(const Options &o) {
     const std::string root = root_dir();
     const char *file = kt4GetShmFileName(0);
     FileLook f;
-    look_at_file(file, f);
+    f.open(file);
     const int have = present(locks());
     if (!f.valid() || have != kLockCount) {
         std::fprintf(stderr,
                      "kt4card: no card is up at %s (key offset %d): shared memory file %s, %d of "
                      "%d locks\n",
                      root.c_str(), key_offset(),
-                     f.valid() ? "present" : (f.exists ? f.why : "missing"), have, kLockCount);
+                     f.valid() ? "present" : (f.exists() ? f.why() : "missing"), have, kLockCount);
         std::fprintf(stderr, "kt4card: bring it up first with 'kt4card up'\n");
         return kExitRunFail;
     }
-    const size_t bytes = f.view.bytes;
+    const size_t bytes = f.area_bytes();
     std::string size = std::to_string(bytes);
     char arg0[] = "kt4card";
     char *argv[] = {arg0, size.data(), nullptr};
