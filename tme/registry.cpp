@@ -272,7 +272,9 @@ int reserve(int service, int instance, int pid, int parentPid, int parentTaskId,
     e->parentPid = static_cast<uint32_t>(parentPid);
     e->parentTaskId = static_cast<uint32_t>(parentTaskId);
     e->changed = tick64Get();
-    set_name(*e, name);
+    // An opener without a task name (a process's main thread) keeps the name its entry was
+    // reserved under (kt4TaskCreate, kt4card run --name).
+    if (name != nullptr && name[0] != '\0') set_name(*e, name);
     note_own_entries();
     return 0;
 }
@@ -505,7 +507,9 @@ int tmeRegistryRegister(int service, int instance, uint32_t ipAddr, int slot, in
     e->ipAddr = ipAddr;
     if (e->state < kOpen) e->state = kOpen;
     e->changed = tick64Get();
-    set_name(*e, name);
+    // An opener without a task name (a process's main thread) keeps the name its entry was
+    // reserved under (kt4TaskCreate, kt4card run --name).
+    if (name != nullptr && name[0] != '\0') set_name(*e, name);
     note_own_entries();
     return 0;
 }
