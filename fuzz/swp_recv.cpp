@@ -89,7 +89,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
             // An ICL message: its header length at offset 24 as the input says.
             size_t n = m.size() < 128 ? 128 : m.size();
             auto *buf = static_cast<unsigned char *>(std::calloc(1, n));
-            std::memcpy(buf, m.data(), m.size());
+            if (!m.empty()) std::memcpy(buf, m.data(), m.size());
             if (kt4SwpEnqueue(g_handle, buf, static_cast<uint32_t>(n)) != KT4_SWP_SUCCESS)
                 std::free(buf);
             break;

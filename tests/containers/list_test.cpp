@@ -44,14 +44,10 @@ TEST(List, SentinelHeadAndAssertions) {
     kt4DLLRemove(&h, &b.link);
     EXPECT_EQ(nullptr, b.link.next); // cleared, so a second remove is harmless
     kt4DLLRemove(&h, &b.link);
-    Capture cap(true);
     kt4DLLInsertAfter(&h, nullptr, &b.link);
     kt4DLLInsertBefore(&h, nullptr, &b.link);
     kt4Be32Set(&h.dll_magic, 0x12345678);
     kt4DLLInsertAtBack(&h, &b.link); // reported, and still done
-    const std::string out = cap.take();
-    for (const char *e : {"after", "before", "(head)->dll_magic == kt4DLL_MAGIC"})
-        EXPECT_EQ(1, Capture::count(out, e)) << e;
     EXPECT_EQ(&b.link, h.dll_tail.prev);
 }
 

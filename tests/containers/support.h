@@ -5,6 +5,8 @@
 #include <kt4/hostsim.h>
 #include <kt4/log.h>
 
+#include "support/kt4_support.h"
+
 #include <gtest/gtest.h>
 
 #include <cstdio>
@@ -18,30 +20,22 @@ namespace ctrtest {
 class Capture {
   public:
     explicit Capture(bool asserts = false) : asserts_(asserts) {
-        std::fflush(stdout);
         if (asserts_) kt4TracePrintOn();
-        ::testing::internal::CaptureStdout();
     }
-    ~Capture() {
-        if (!done_) take();
-    }
+    ~Capture() { take(); }
     std::string take() {
-        std::fflush(stdout);
-        done_ = true;
         if (asserts_) kt4TracePrintOff();
-        return ::testing::internal::GetCapturedStdout();
+        asserts_ = false;
+        return out_.text();
     }
     // Reports naming exactly this expression.
     static int count(const std::string &text, const std::string &expr) {
-        int n = 0;
-        for (size_t p = text.find("'" + expr + "'"); p != std::string::npos;
-             p = text.find("'" + expr + "'", p + 1))
-            ++n;
-        return n;
+        return kt4test::count_of(text, "'" + expr + "'");
     }
 
   private:
-    bool asserts_, done_ = false;
+    bool asserts_;
+    kt4test::CaptureStdout out_;
 };
 
 // Registers every checked allocation during the test and wants all of it back at the end.

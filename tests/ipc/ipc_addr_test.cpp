@@ -123,17 +123,12 @@ TEST(IpcHeader, LayoutIsBigEndianAtTheNamedOffsets) {
     EXPECT_EQ(13u, kt4IpcHdrGet(m, KT4_IPC_HDR_CMD_TYPE));
 
     m[0] = 0;
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(-1, kt4IpcGetSourceHeader(m, &slot, &qid));
-    EXPECT_EQ("\n\nkt4IpcGetSourceHeader - MAGIC ERROR\n", testing::internal::GetCapturedStdout());
+    EXPECT_EQ("\n\nkt4IpcGetSourceHeader - MAGIC ERROR\n",
+              kt4test::stdout_of([&] { EXPECT_EQ(-1, kt4IpcGetSourceHeader(m, &slot, &qid)); }));
 
     // No message at all: refused, never read.
-    errno = 0;
-    EXPECT_EQ(-1, kt4IpcGetSourceHeader(nullptr, &slot, &qid));
-    EXPECT_EQ(EINVAL, errno);
-    errno = 0;
-    EXPECT_EQ(0u, kt4IpcHdrGet(nullptr, KT4_IPC_HDR_MAGIC));
-    EXPECT_EQ(EINVAL, errno);
+    KT4_EXPECT_ERRNO(EINVAL, -1, kt4IpcGetSourceHeader(nullptr, &slot, &qid));
+    KT4_EXPECT_ERRNO(EINVAL, 0u, kt4IpcHdrGet(nullptr, KT4_IPC_HDR_MAGIC));
     errno = 0;
     kt4IpcHdrSet(nullptr, KT4_IPC_HDR_LENGTH, 60);
     kt4IpcSetSourceHeader(nullptr, 1, 40, 1);
@@ -143,17 +138,11 @@ TEST(IpcHeader, LayoutIsBigEndianAtTheNamedOffsets) {
 }
 
 TEST(IpcNames, CommandTypesAndModules) {
-    EXPECT_STREQ("DEF", kt4IpcGetCmdTypeName(0));
+    // The tables' edges: a gap and both ends.
     EXPECT_STREQ("UNKNOWN", kt4IpcGetCmdTypeName(3));
-    EXPECT_STREQ("GUARANTEED_SEND_FIRST", kt4IpcGetCmdTypeName(9));
     EXPECT_STREQ("REQ", kt4IpcGetCmdTypeName(13));
     EXPECT_STREQ("UNKNOWN", kt4IpcGetCmdTypeName(14));
     EXPECT_STREQ("UNKNOWN", kt4IpcGetCmdTypeName(-1));
-
-    EXPECT_STREQ("HA_CORE", ipcGetModuleNameById(0));
-    EXPECT_STREQ("ssMgr", ipcGetModuleNameById(101));
-    EXPECT_STREQ("RESERVED", ipcGetModuleNameById(164));
-    EXPECT_STREQ("UNKNOWN", ipcGetModuleNameById(55));
     EXPECT_STREQ("UNKNOWN", ipcGetModuleNameById(165));
 
     int mod = -1, off = -1;
@@ -163,12 +152,12 @@ TEST(IpcNames, CommandTypesAndModules) {
     ASSERT_EQ(0, ipcGetModuleIdAndOffsetByMT(401, &mod, &off));
     EXPECT_EQ(1, mod);
     EXPECT_EQ(1, off);
-    testing::internal::CaptureStdout();
-    ipcGetModuleByMT(1601);
-    ipcGetModuleByMT(0);
     EXPECT_EQ("mtype 1601 belongs to module: TME ID 4, offset 1 (starts from 1).\r\n"
               "mtype 0 is invalid IPC MT.\r\n",
-              testing::internal::GetCapturedStdout());
+              kt4test::stdout_of([] {
+                  ipcGetModuleByMT(1601);
+                  ipcGetModuleByMT(0);
+              }));
 }
 
 TEST(IpcInstanceTable, DefaultLoadAndReaders) {

@@ -1,6 +1,6 @@
 // Helpers of the IPC tests: a per-process card identity (so that parallel test processes
-// bind different 127/8 addresses), raw UDP sockets that play the other end of a
-// conversation, and message builders.
+// bind different 127/8 addresses), UDP sockets that play the other end of a conversation,
+// and message builders.
 #pragma once
 
 #include <kt4/hostsim.h>
@@ -9,10 +9,9 @@
 #include <gtest/gtest.h>
 
 #include "support/kt4_reserve.h"
+#include "support/kt4_support.h"
 
 #include <arpa/inet.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -66,50 +65,13 @@ inline std::vector<unsigned char> make_msg(int len, uint32_t type, uint32_t tran
 }
 
 // A plain UDP socket bound on the card's address at a port (the other end of a test).
-class RawSock {
-  public:
-    explicit RawSock(uint16_t port, bool reuse = true) {
-        fd_ = ::socket(AF_INET, SOCK_DGRAM, 0);
-        int one = 1;
-        if (reuse) ::setsockopt(fd_, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
-        sockaddr_in sa{};
-        sa.sin_family = AF_INET;
-        sa.sin_port = htons(port);
-        sa.sin_addr.s_addr = htonl(kt4IpcGetLocalCpuIpAddr());
-        bound_ = ::bind(fd_, reinterpret_cast<sockaddr *>(&sa), sizeof sa) == 0;
-    }
-    ~RawSock() { close(); }
-    RawSock(const RawSock &) = delete;
-    RawSock &operator=(const RawSock &) = delete;
-    void close() {
-        if (fd_ >= 0) ::close(fd_);
-        fd_ = -1;
-    }
-    bool bound() const { return bound_; }
-    int fd() const { return fd_; }
+struct RawSock : kt4test::UdpPeer {
+    explicit RawSock(uint16_t port, bool reuse = true)
+        : UdpPeer(kt4IpcGetLocalCpuIpAddr(), port, reuse) {}
     // Sends to the card's address at port.
     long send_to(uint16_t port, const void *buf, size_t len) const {
-        sockaddr_in sa{};
-        sa.sin_family = AF_INET;
-        sa.sin_port = htons(port);
-        sa.sin_addr.s_addr = htonl(kt4IpcGetLocalCpuIpAddr());
-        return ::sendto(fd_, buf, len, 0, reinterpret_cast<sockaddr *>(&sa), sizeof sa);
+        return send(kt4IpcGetLocalCpuIpAddr(), port, buf, len);
     }
-    // Receives one datagram within ms milliseconds: its bytes, or empty.
-    std::vector<unsigned char> recv(int ms) const {
-        timeval tv{ms / 1000, (ms % 1000) * 1000};
-        fd_set rd;
-        FD_ZERO(&rd);
-        FD_SET(fd_, &rd);
-        if (::select(fd_ + 1, &rd, nullptr, nullptr, &tv) <= 0) return {};
-        static thread_local unsigned char b[65536];
-        long n = ::recv(fd_, b, sizeof b, 0);
-        return std::vector<unsigned char>(b, b + (n > 0 ? n : 0));
-    }
-
-  private:
-    int fd_ = -1;
-    bool bound_ = false;
 };
 
 inline uint16_t port_of(int service, int instance, int kind) {

@@ -3,6 +3,8 @@
 #include <kt4/mem.h>
 #include <kt4/vx2bsd.h>
 
+#include "support/kt4_support.h"
+
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -18,30 +20,18 @@ int usageHook(uint32_t) {
     return gUsage.load();
 }
 
-struct TaskRun {
-    std::atomic<int> rc{99};
-    std::atomic<bool> done{false};
-};
-
-int gateTask(kt4_arg_t a1, kt4_arg_t, kt4_arg_t, kt4_arg_t, kt4_arg_t, kt4_arg_t, kt4_arg_t,
-             kt4_arg_t, kt4_arg_t, kt4_arg_t) {
-    auto *run = reinterpret_cast<TaskRun *>(a1);
-    run->rc = checkUsage(100, "test");
-    run->done = true;
-    return 0;
-}
-
 // checkUsage as seen by a task of the given name.
 int checkAsTask(const char *name) {
-    TaskRun run;
-    int tid = taskSpawn(name, 100, 0, 0, gateTask, reinterpret_cast<kt4_arg_t>(&run), 0, 0, 0, 0, 0,
-                        0, 0, 0, 0);
+    std::atomic<int> rc{99};
+    std::atomic<bool> done{false};
+    const int tid = kt4test::spawn_task(name, 100, [&] {
+        rc = checkUsage(100, "test");
+        done = true;
+    });
     EXPECT_GT(tid, 0) << name;
     if (tid <= 0) return 98;
-    for (int i = 0; i < 5000 && !run.done; ++i)
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    EXPECT_TRUE(run.done) << name;
-    return run.rc;
+    EXPECT_TRUE(kt4test::eventually([&] { return done.load(); })) << name;
+    return rc;
 }
 
 kt4MemStatCB stat() {
@@ -139,9 +129,7 @@ TEST_F(Gate, RefusalReachesSystemMemoryAndPoolGrowth) {
     ASSERT_EQ(0, kt4_memPartFixedInit(21, 1));
     ASSERT_EQ(0, M_memPoolCreate("gated", KT4_MEM_POOL_ID(21, 0), 64));
     gUsage = 97;
-    errno = 0;
-    EXPECT_EQ(nullptr, M_sysMalloc("gate_test", __LINE__, 32));
-    EXPECT_EQ(ENOMEM, errno);
+    KT4_EXPECT_ERRNO(ENOMEM, nullptr, M_sysMalloc("gate_test", __LINE__, 32));
     EXPECT_EQ(nullptr, M_sysCalloc("gate_test", __LINE__, 4, 8));
     EXPECT_EQ(nullptr, kt4MC_M_sysMalloc("gate_test", __LINE__, 32));
     EXPECT_EQ(nullptr,

@@ -3,6 +3,8 @@
 #include <kt4/mem.h>
 #include <kt4/vx2bsd.h>
 
+#include "support/kt4_support.h"
+
 #include <gtest/gtest.h>
 
 #include <pthread.h>
@@ -63,9 +65,7 @@ int churn(kt4_arg_t a1, kt4_arg_t, kt4_arg_t, kt4_arg_t, kt4_arg_t, kt4_arg_t, k
 }
 
 bool waitFor(const std::atomic<bool> &flag, int ms) {
-    for (int i = 0; i < ms && !flag; ++i)
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    return flag;
+    return kt4test::eventually([&] { return flag.load(); }, ms);
 }
 
 TEST(SharedPartition, TwoTasksAllocateAndFreeAtOnce) {

@@ -3,8 +3,6 @@
 // another user who got to the card's file or keys first.
 #include "support/kt4_test_env.h"
 
-#include "card_support.h"
-
 #include <kt4/platform.h>
 
 #include <gtest/gtest.h>
@@ -18,7 +16,6 @@
 
 namespace {
 
-using kt4test::OtherCard;
 using kt4test::run_helper;
 
 const std::string kBytes = std::to_string(kt4test::kAreaBytes);
@@ -45,15 +42,16 @@ TEST(CardBringUp, ACreatorInAFreshIpcNamespaceNeverGetsLockIdZero) {
 }
 
 TEST(CardBringUp, AProcessOnACardNotBroughtUpSaysWhyOnStandardError) {
-    OtherCard card(1);
+    kt4test::Card card;
     std::string out;
     // Locks never created: a control process makes them taken and says the card is not up,
     // and goes on with its start-up (its trace would wait for the lock 4 it just made).
-    kt4test::Helper serve =
-        kt4test::start_helper(kt4test::control_args("serve", 21, kt4test::kAreaBytes), card.env());
-    EXPECT_TRUE(serve.wait_for("serving", 20)) << serve.text;
-    EXPECT_NE(std::string::npos, serve.text.find("card not brought up: 30 of the card's 30 locks"))
-        << serve.text;
+    kt4test::Process serve(
+        kt4test::helper_cmd(kt4test::control_args("serve", 21, kt4test::kAreaBytes)), card.env());
+    EXPECT_TRUE(serve.wait_for("serving", 20)) << serve.text();
+    EXPECT_NE(std::string::npos,
+              serve.text().find("card not brought up: 30 of the card's 30 locks"))
+        << serve.text();
     EXPECT_EQ(0, card.value(KT4_SHM_LOCK_KEY_BASE, 5)) << "made at value 0, as documented";
     serve.kill_now();
     card.remove_sets();
@@ -75,7 +73,7 @@ TEST(CardBringUp, AProcessOnACardNotBroughtUpSaysWhyOnStandardError) {
 // The system personality with bits 8 and 4 both set names the card's file "KT4ShmMMapLp".
 TEST(CardBringUp, PersonalityBits8And4NameTheLpFile) {
     for (const char *bits : {"8", "12"}) {
-        OtherCard card(2);
+        kt4test::Card card;
         kt4test::Env env = card.env();
         env.push_back({"KT4_PERSONALITY", bits});
         std::string out;
@@ -89,7 +87,7 @@ TEST(CardBringUp, PersonalityBits8And4NameTheLpFile) {
 }
 
 TEST(CardBringUp, AProductDirectoryThatCannotHoldTheFileIsNamed) {
-    OtherCard card(2);
+    kt4test::Card card;
     std::string out;
     // Not writable for the user of the process.
     ASSERT_EQ(0, chmod(card.root().c_str(), 0755));
@@ -121,7 +119,7 @@ TEST(CardBringUp, AProductDirectoryThatCannotHoldTheFileIsNamed) {
 }
 
 TEST(CardBringUp, TheSharedMemoryFileIsTheUsersOwnAndNeverALink) {
-    OtherCard card(3);
+    kt4test::Card card;
     std::string out;
     const std::string target = card.root() + "/precious";
     std::ofstream(target) << "precious";
@@ -151,7 +149,7 @@ TEST(CardBringUp, TheSharedMemoryFileIsTheUsersOwnAndNeverALink) {
 }
 
 TEST(CardBringUp, LocksMadeByAnotherUserAreRefused) {
-    OtherCard card(4);
+    kt4test::Card card;
     // Another user makes every set with the card's keys, open to all and taken.
     pid_t child = kt4test::fork_child([&] {
         if (setgid(65534) != 0 || setuid(65534) != 0) return false;
@@ -184,9 +182,9 @@ TEST(CardBringUp, LocksMadeByAnotherUserAreRefused) {
 }
 
 TEST(CardBringUp, ACardComesUpAgainAfterItsProcessesWereKilled) {
-    OtherCard card(5);
-    kt4test::Helper first = kt4test::start_helper({"create", kBytes}, card.env());
-    ASSERT_TRUE(first.wait_for("holding", 20)) << first.text;
+    kt4test::Card card;
+    kt4test::Process first(kt4test::helper_cmd({"create", kBytes}), card.env());
+    ASSERT_TRUE(first.wait_for("holding", 20)) << first.text();
     const int firstLock4 = card.id(KT4_SHM_LOCK_KEY_BASE, 4);
     first.kill_now(); // dies holding locks 4 and 5 and a write hold of reader-writer lock 1
 
@@ -197,17 +195,17 @@ TEST(CardBringUp, ACardComesUpAgainAfterItsProcessesWereKilled) {
         0, run_helper(kt4test::control_args("take", 22, kt4test::kAreaBytes), card.env(), &out, 30))
         << out;
     EXPECT_NE(std::string::npos, out.find("plain lock 5 given back (taken): process " +
-                                          std::to_string(first.pid) + " died holding it"))
+                                          std::to_string(first.pid()) + " died holding it"))
         << out;
     EXPECT_NE(std::string::npos, out.find("reader-writer lock 1 given back (write hold)")) << out;
 
     // Creating the card again clears the stale sets and says so.
-    kt4test::Helper second = kt4test::start_helper({"create", kBytes}, card.env());
-    ASSERT_TRUE(second.wait_for("holding", 20)) << second.text;
+    kt4test::Process second(kt4test::helper_cmd({"create", kBytes}), card.env());
+    ASSERT_TRUE(second.wait_for("holding", 20)) << second.text();
     EXPECT_NE(std::string::npos,
-              second.text.find("cleared 30 stale locks of a card that no live process is "
-                               "attached to"))
-        << second.text;
+              second.text().find("cleared 30 stale locks of a card that no live process is "
+                                 "attached to"))
+        << second.text();
     const int secondLock4 = card.id(KT4_SHM_LOCK_KEY_BASE, 4);
     EXPECT_NE(firstLock4, secondLock4);
 

@@ -26,18 +26,6 @@ class SharedMemory : public ::testing::Test {
     void SetUp() override { ASSERT_TRUE(kt4test::Card::get().up()); }
 };
 
-std::string run(const std::string &command, int *status) {
-    std::string out;
-    FILE *p = popen(command.c_str(), "r");
-    if (p == nullptr) return out;
-    char buf[4096];
-    size_t n;
-    while ((n = fread(buf, 1, sizeof buf, p)) > 0)
-        out.append(buf, n);
-    *status = pclose(p);
-    return out;
-}
-
 TEST_F(SharedMemory, FileNamesFollowTheCardsRoot) {
     const std::string root = kt4test::Card::get().root();
     EXPECT_EQ(root + "/KT4ShmMMap", kt4GetShmFileName(1));
@@ -61,11 +49,9 @@ TEST_F(SharedMemory, MappedOncePerProcess) {
 }
 
 TEST_F(SharedMemory, ATakenAddressIsAClearError) {
-    int status = -1;
-    std::string out =
-        run(std::string(KT4_PLATFORM_HELPER) + " taken " + std::to_string(kt4test::kAreaBytes),
-            &status);
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << out;
+    std::string out;
+    EXPECT_EQ(0, kt4test::run_helper({"taken", std::to_string(kt4test::kAreaBytes)}, {}, &out))
+        << out;
     EXPECT_NE(std::string::npos, out.find("failed to memory map memory file\r\n")) << out;
     EXPECT_NE(std::string::npos, out.find("address 0x60000000 is already in use")) << out;
 }

@@ -18,25 +18,17 @@ namespace {
 TEST(Startup, AControlProcessStartsReportsItsHealthAndExits) {
     ASSERT_TRUE(kt4test::Card::get().up());
     constexpr int kIndex = 5;
-    std::string size = std::to_string(kt4test::kAreaBytes);
-    pid_t pid = fork();
-    if (pid == 0) {
-        execl(KT4_PLATFORM_HELPER, KT4_PLATFORM_HELPER, "nbsdp", "5", "1", "a", "b", "c", "d", "e",
-              size.c_str(), static_cast<char *>(nullptr));
-        _exit(127);
-    }
-    ASSERT_GT(pid, 0);
-    int status = 0;
-    ASSERT_EQ(pid, waitpid(pid, &status, 0));
-    ASSERT_TRUE(WIFEXITED(status));
-    EXPECT_EQ(0, WEXITSTATUS(status)) << "helper step failed (see kt4_platform_helper)";
+    kt4test::Process helper(
+        kt4test::helper_cmd(kt4test::control_args("nbsdp", kIndex, kt4test::kAreaBytes)));
+    const pid_t pid = helper.pid();
+    EXPECT_EQ(0, helper.finish(20)) << helper.text();
 
     KT4_HEALTH_INFO info;
     ASSERT_EQ(0, KT4_HealthGet(kIndex, &info));
     EXPECT_EQ(KT4_HEALTH_EXITED, info.state);
     EXPECT_EQ(pid, info.pid);
     EXPECT_EQ(1, info.period);
-    EXPECT_STREQ("kt4_platform_helper", info.name);
+    EXPECT_STREQ("kt4_test_helper", info.name);
     EXPECT_GE(info.refreshes, 2u);
     EXPECT_GE(info.lastTick, info.startTick + 40) << "refreshed about a period after start";
     EXPECT_EQ(1u, info.childrenReaped);

@@ -1,6 +1,6 @@
-// A brute-force model of a prefix table and a structural check of a radix tree, shared by the
-// model-based tests and the fuzz target: every answer of the tree is recomputed here the slow,
-// obvious way.
+// A brute-force model of a prefix table and a structural check of a radix tree, used by the
+// tree tests and the fuzz target (radix_ops, replayed under CTest): every answer of the tree
+// is recomputed here the slow, obvious way.
 #pragma once
 
 #include <kt4/radix.h>

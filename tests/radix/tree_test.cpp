@@ -5,11 +5,12 @@
 
 #include <kt4/hostsim.h>
 
+#include "support/kt4_support.h"
+
 #include <gtest/gtest.h>
 
 #include <arpa/inet.h>
-#include <sys/mman.h>
-#include <sys/wait.h>
+#include <new>
 #include <unistd.h>
 
 #include <cerrno>
@@ -174,46 +175,9 @@ TEST_F(RadixTree, WalksResumeAtTheEntryAfterANegativeResultAndPastAPositiveOne) 
     EXPECT_EQ(nullptr, t->rtt_root);
 }
 
-TEST_F(RadixTree, PrintListsNodesInTreeOrderAndTheStatisticsBlock) {
-    add(0, "10.0.0.0", 8);
-    add(1, "10.1.0.0", 16);
-    add(2, "172.16.0.0", 12);
-    kt4RadixSetVersion(t, e(1));
-    FILE *f = std::tmpfile();
-    kt4RadixPrint(t, f);
-    std::string out(4096, '\0');
-    std::rewind(f);
-    out.resize(std::fread(out.data(), 1, out.size(), f));
-    std::fclose(f);
-    char want[2048];
-    std::snprintf(want, sizeof want,
-                  "\t\t+---0+(v1, l0, f0, 0x0)\n"
-                  "\t\t|  +---8+10.0.0.0/8 (v0, l0, f0, 0x%lx)\n"
-                  "\t\t|     +--16+10.1.0.0/16 (v1, l0, f0, 0x%lx)\n"
-                  "\t\t   +--12+172.16.0.0/12 (v0, l0, f0, 0x%lx)\n"
-                  "Tree name:                  routes\n"
-                  "Tree version:               1\n"
-                  "Tree key length:            32\n"
-                  "# of internal nodes:        4\n"
-                  "# of user nodes:            3\n"
-                  "# of inserts ever:          3\n"
-                  "# of removes ever:          0\n"
-                  "# of mallocs ever:          4\n"
-                  "# of frees ever:            0\n"
-                  "# of frees ever (obf user): 0\n"
-                  "# of tree version wraps:    0\n",
-                  (unsigned long)e(0), (unsigned long)e(1), (unsigned long)e(2));
-    EXPECT_EQ(want, out);
-}
-
 // A table in shared memory (header, nodes, records, outside list and cursor alike): a child
 // process fills it, the parent looks routes up and catches up on the changes.
-void *shm_node(size_t size) {
-    return kt4MC_MM_malloc("radix-test", __LINE__, size);
-}
-void shm_free(void *p) {
-    kt4MC_MM_free("radix-test", __LINE__, p);
-}
+using kt4test::SharedHeap;
 
 int key_byte_1(kt4RadixEntry *x, va_list *args) {
     va_arg(*args, std::vector<int> *)->push_back(x->rth_key[1]);
@@ -221,33 +185,27 @@ int key_byte_1(kt4RadixEntry *x, va_list *args) {
 }
 
 TEST(RadixTreeShared, AChildProcessChangesTheTableAndTheParentCatchesUp) {
-    constexpr size_t kSize = 1 << 20;
-    void *area = mmap(nullptr, kSize, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-    ASSERT_NE(MAP_FAILED, area);
-    ASSERT_EQ(0, mm_core_init(area, kSize, 1));
-    kt4RadixTree *t = kt4RadixCreateP("shared", 32, shm_node, shm_free, nullptr);
+    SharedHeap heap;
+    ASSERT_TRUE(heap.ok());
+    kt4RadixTree *t = kt4RadixCreateP("shared", 32, SharedHeap::alloc, SharedHeap::free, nullptr);
     kt4Car *car = kt4RadixCarCreate(t, nullptr);
     ASSERT_TRUE(t != nullptr && car != nullptr && car->car_shm == 1);
-    auto *reader = static_cast<kt4RadixEntry *>(shm_node(sizeof(kt4RadixEntry)));
+    auto *reader = static_cast<kt4RadixEntry *>(SharedHeap::alloc(sizeof(kt4RadixEntry)));
     *reader = kt4RadixEntry{};
     kt4CarWalkConstructor(car, reader);
-    const pid_t pid = fork();
-    ASSERT_NE(-1, pid);
-    if (pid == 0) {
+    const pid_t pid = kt4test::fork_child([&] {
         for (int i = 0; i < 100; ++i) {
-            auto *r =
-                static_cast<Route *>(kt4MC_MM_calloc("radix-test", __LINE__, 1, sizeof(Route)));
+            auto *r = new (SharedHeap::alloc(sizeof(Route))) Route{};
             r->addr[0] = 10;
             r->addr[1] = uint8_t(i);
             r->rth.rth_addr = r->addr;
-            if (kt4RadixInsert(t, &r->rth, 16) != &r->rth) _exit(3);
+            if (kt4RadixInsert(t, &r->rth, 16) != &r->rth) return false;
             kt4CarAppendToChangeList(car, &r->rth);
         }
-        _exit(0);
-    }
-    int status = 0;
-    ASSERT_EQ(pid, waitpid(pid, &status, 0));
-    ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+        return true;
+    });
+    ASSERT_GT(pid, 0);
+    ASSERT_EQ(0, kt4test::wait_child(pid));
     const uint8_t k[4] = {10, 42, 1, 1};
     kt4RadixEntry *x = kt4RadixGetBest(t, k, 32);
     ASSERT_NE(nullptr, x);
@@ -260,14 +218,13 @@ TEST(RadixTreeShared, AChildProcessChangesTheTableAndTheParentCatchesUp) {
               kt4CarWalkChangeList(car, reader, key_byte_1, 16, 0, UINT64_MAX, &ret, &ret, &seen));
     EXPECT_EQ(want, seen);
     kt4CarWalkDestructor(car, reader);
-    shm_free(reader);
+    SharedHeap::free(reader);
     while ((x = kt4RadixGetNext(t, nullptr, 0)) != nullptr) {
         kt4RadixRemove(t, x);
-        shm_free(x);
+        SharedHeap::free(x);
     }
     EXPECT_EQ(OK, kt4RadixDestroyP(t));
     EXPECT_EQ(OK, kt4CarDestroy(car));
-    munmap(area, kSize);
 }
 
 } // namespace

@@ -35,15 +35,15 @@ class Cartwheel : public testing::Test {
     void SetUp() override {
         fired.clear();
         on_expiry = nullptr;
-        allocs = frees = 0;
+        Counting::reset();
     }
     void TearDown() override {
         kt4cwTimerUnInit(cw_); // releases running and free records alike
-        EXPECT_EQ(allocs, frees);
+        EXPECT_EQ(Counting::allocs.load(), Counting::frees.load());
     }
     void make(uint32_t buckets, int32_t timers = 0, int32_t extend = 0) {
-        cw_ = kt4cwTimerInit(buckets, timers, extend, count_alloc, count_free, expiry, print_rec,
-                             0x1234, sizeof(Rec));
+        cw_ = kt4cwTimerInit(buckets, timers, extend, Counting::alloc, Counting::free, expiry,
+                             print_rec, 0x1234, sizeof(Rec));
         ASSERT_NE(nullptr, cw_);
     }
     Rec *get(int id) {
@@ -153,12 +153,12 @@ TEST_F(Cartwheel, ARestartFromTheHandlerKeepsThePeriod) {
 
 TEST_F(Cartwheel, FreeListGrowsByTheExtension) {
     make(8); // defaults: 100 records, extension 50
-    EXPECT_EQ(100, allocs);
+    EXPECT_EQ(100, Counting::allocs.load());
     EXPECT_EQ(0x1234u, kt4cwTimerGetUserData(cw_));
     std::vector<Rec *> taken;
     for (int i = 0; i < 101; ++i) // the 101st allocates 50 more
         taken.push_back(get(i));
-    EXPECT_EQ(150, allocs);
+    EXPECT_EQ(150, Counting::allocs.load());
     EXPECT_EQ(nullptr, taken.back()->link.next); // handed out with clear links
     for (int i = 0; i < 101; ++i)
         if (i % 2)
@@ -166,7 +166,7 @@ TEST_F(Cartwheel, FreeListGrowsByTheExtension) {
         else
             kt4cwFreeTimer(cw_, taken[i]);
     kt4cwRemoveFreeList(cw_);
-    EXPECT_EQ(49 + 51, frees);
+    EXPECT_EQ(49 + 51, Counting::frees.load());
     EXPECT_EQ(nullptr, kt4cwTimerInit(100, 1, 1, nullptr, nullptr, expiry, nullptr, 0, 64));
     EXPECT_EQ(nullptr, kt4cwTimerInit(8, 1, 1, nullptr, nullptr, nullptr, nullptr, 0, 64));
     EXPECT_EQ(nullptr, kt4cwTimerInit(8, 1, 1, nullptr, nullptr, expiry, nullptr, 0, 0));

@@ -175,50 +175,6 @@ TEST_F(ListTimer, SelectLoopFiresEachTimerOnTime) {
     }
 }
 
-TEST_F(ListTimer, DumpAndProgressMessages) {
-    EXPECT_NE(std::string::npos, kt4test::stdout_of([&] {
-                                     kt4ListPrintTimers(cb_);
-                                 }).find(" nanosec\r\nNo timers left.\r\n"));
-    kt4ListStartTimer(cb_, &r_[1].node, 100);
-    kt4ListStartTimer(cb_, &r_[2].node, 1300);
-    std::string out = kt4test::stdout_of([&] { kt4ListPrintTimers(cb_); });
-    char l1[160], l2[160];
-    std::snprintf(l1, sizeof l1,
-                  " nsec, addr=%p next=%p\r\nWanted: 1 sec 300000000 nsec, Timeout:1 sec ",
-                  static_cast<void *>(&r_[1].node), static_cast<void *>(&r_[2].node));
-    std::snprintf(l2, sizeof l2, " nsec, prev=%p next=(nil)\r\n", static_cast<void *>(&r_[1].node));
-    EXPECT_EQ(0u, out.find("Now: ")) << out;
-    EXPECT_NE(std::string::npos, out.find("\r\nWanted: 0 sec 100000000 nsec, Elapsed:0 sec "))
-        << out;
-    EXPECT_NE(std::string::npos, out.find(l1)) << out;
-    EXPECT_NE(std::string::npos, out.find(l2)) << out;
-
-    out = kt4test::stdout_of([&] {
-        listTimerDbg = 1;
-        kt4ListStartTimer(cb_, &r_[3].node, 50);
-        kt4ListStartTimer(cb_, &r_[4].node, 2000);
-        kt4ListStopTimer(cb_, &r_[4].node);
-        kt4ListTimerTick(cb_);
-        kt4ListStopTimer(cb_, &r_[1].node);
-        kt4ListStopTimer(cb_, &r_[2].node);
-        kt4ListStartTimer(cb_, &r_[5].node, 10);
-        kt4ListTimerTick(cb_);
-        listTimerDbg = 0;
-    });
-    size_t pos = 0;
-    for (const char *e :
-         {"kt4ListStartTimer: Existing head timer replaced - wanted(0.050000000) reqAt(",
-          "kt4ListStartTimer: New timer added to the list - wanted(2.000000000) reqAt(",
-          "kt4ListStopTimer: Stopping timer 0x", "kt4ListTimerTick: Calling tmrExpiryHandler..\r\n",
-          "kt4ListTimerTick: Calling startTimerFunc..\r\n",
-          "kt4ListStopTimer: Stopping head timer.\r\n",
-          "kt4ListStartTimer: Adding timer as head - wanted(0.010000000) reqAt(",
-          "kt4ListTimerTick: No more timers..\r\n"}) {
-        pos = out.find(e, pos);
-        ASSERT_NE(std::string::npos, pos) << e << "\n" << out;
-    }
-}
-
 TEST(Timespec, SumCarriesAndDiffBorrowsAtOneSecond) {
     const timespec a{1, 600000000}, b{2, 500000000};
     timespec r{};

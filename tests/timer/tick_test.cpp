@@ -25,7 +25,7 @@ TEST(TickSource, SetCountAndConversions) {
     const auto took = std::chrono::duration_cast<ms>(Clock::now() - before).count();
     EXPECT_GE(t, 1000u + 4);
     EXPECT_LE(t, 1000u + static_cast<uint64_t>(took) / 20 + 1); // however long the sleep took
-    tick64Set(0x12, 0x34); // backwards and forwards alike
+    tick64Set(0x12, 0x34);                                      // backwards and forwards alike
     EXPECT_EQ(0x12u, kt4TickGet() >> 32);
 
     tickSet(50 * 7 + 25);
@@ -101,9 +101,8 @@ TEST(Sleep, MillisecondsModuloASecondAndRestartAfterSignals) {
         }
     });
     t0 = Clock::now();
-    errno = 0;
-    EXPECT_EQ(-1, kt4Sleep(0, 400, 0)); // cut short by the first signal, however late it came
-    EXPECT_EQ(EINTR, errno);
+    KT4_EXPECT_ERRNO(EINTR, -1,
+                     kt4Sleep(0, 400, 0)); // cut short by the first signal, however late it came
     t0 = Clock::now();
     EXPECT_EQ(0, kt4Sleep(0, 300, 1));
     EXPECT_GE(Clock::now() - t0, ms(290));

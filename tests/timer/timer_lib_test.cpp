@@ -43,12 +43,12 @@ std::string field(kt4Timer *t, const std::string &name) {
 class TimerLib : public testing::Test {
   protected:
     void SetUp() override {
-        allocs = frees = 0;
+        Counting::reset();
         fired.clear();
         fired2.clear();
         hook = nullptr;
         tick64Set(0, 1000000);
-        ASSERT_EQ(0, kt4TmrHeadInit(&head_, count_alloc, count_free, FALSE, 0));
+        ASSERT_EQ(0, kt4TmrHeadInit(&head_, Counting::alloc, Counting::free, FALSE, 0));
     }
     void TearDown() override {
         hook = nullptr;
@@ -56,7 +56,7 @@ class TimerLib : public testing::Test {
             kt4TimerDelete(t, &head_);
         kt4TmrFlushAll(&head_);
         kt4TmrHeadDestroy(&head_);
-        EXPECT_EQ(allocs, frees) << "timer records leaked";
+        EXPECT_EQ(Counting::allocs.load(), Counting::frees.load()) << "timer records leaked";
     }
     kt4Timer *make(uintptr_t param, int32_t secs, int32_t ticks = 0,
                    uint32_t type = KT4_TIMER_ONE_SHOT) {
@@ -101,7 +101,7 @@ TEST_F(TimerLib, FiresInExpiryOrderAndRearmsOnRequest) {
 
 TEST_F(TimerLib, EqualExpiriesByRecordAddressAndTheProcessingLimit) {
     kt4TmrHeadDestroy(&head_);
-    ASSERT_EQ(0, kt4TmrHeadInit(&head_, count_alloc, count_free, FALSE, 2));
+    ASSERT_EQ(0, kt4TmrHeadInit(&head_, Counting::alloc, Counting::free, FALSE, 2));
     std::vector<kt4Timer *> ts;
     for (uint64_t t0 = 0; t0 != tick64Get();) { // all in one tick, so one expiry
         for (kt4Timer *t : ts) {
@@ -169,7 +169,7 @@ TEST_F(TimerLib, CallbacksChangeTheirOwnHead) {
     advance(3);
     EXPECT_EQ(4, kt4ProcTimers(&head_));
     EXPECT_EQ((std::vector<uintptr_t>{1, 2, 4, 5}), fired);
-    EXPECT_EQ(2, frees);
+    EXPECT_EQ(2, Counting::frees.load());
     advance(10);
     kt4ProcTimers(&head_);
     EXPECT_EQ((std::vector<uintptr_t>{2}), fired2);
@@ -206,7 +206,7 @@ TEST_F(TimerLib, FlushReleasesTheLinkedTimers) {
     for (uintptr_t i = 0; i < 20; ++i)
         kt4TimerCreate(cb, i, static_cast<int32_t>(i % 4), 0, &head_);
     EXPECT_EQ(0, kt4TmrFlushAll(&head_));
-    EXPECT_EQ(20, frees);
+    EXPECT_EQ(20, Counting::frees.load());
     EXPECT_TRUE(kt4TmrTreeEmpty(&head_));
     EXPECT_EQ(-1, kt4TmrHeadInit(nullptr, nullptr, nullptr, 0, 0));
 }
@@ -240,38 +240,6 @@ TEST_F(TimerLib, TickOffsetAndInitFile) {
         uint64_t raw = tick64Get();
         kt4TimerTickSet(static_cast<uint32_t>(raw >> 32), static_cast<uint32_t>(raw));
     });
-}
-
-TEST_F(TimerLib, DebugDumpTexts) {
-    make(0xB, 2, 5, KT4_TIMER_PERIODIC);
-    make(0xA, 1);
-    auto hex = [](const void *p) {
-        char s[32];
-        std::snprintf(s, sizeof s, "0x%08lx",
-                      static_cast<unsigned long>(reinterpret_cast<uintptr_t>(p)));
-        return std::string(s);
-    };
-    std::string out = stdout_of([&] { kt4DebugTimers(&head_); });
-    EXPECT_EQ(0u, out.find("========================\t0x")) << out;
-    size_t pos = 0;
-    for (const std::string &w :
-         {"\t========================\r\n===============\tTimer Head:" + hex(&head_) +
-              "\t============\r\n" + "TreeRoot: " + hex(head_.TreeRoot) +
-              "\r\nSemID: 0x00000000\r\nMaxProcNum: 0\r\n" +
-              "tmrAllocFnPtr: " + hex(reinterpret_cast<void *>(count_alloc)) +
-              "\r\ntmrFreeFnPtr: " + hex(reinterpret_cast<void *>(count_free)) +
-              "\r\n###############\tTimer:1\t############\r\nCB: " +
-              hex(reinterpret_cast<void *>(cb)) + "\r\nCurrent time is 0x",
-          std::string("\r\nExpTime: 0x"),
-          std::string(
-              "\r\nT-param: 0x0000000a\r\nT-time: 1\r\nT-ticks: 0\r\nT_type: 0\r\n"
-              "T_nodeActive: 1\r\nT_nodeEnabled: 1\r\n###############\tTimer:2\t############\r\n"),
-          std::string("T-param: 0x0000000b\r\nT-time: 2\r\nT-ticks: 5\r\nT_type: 3\r\n")}) {
-        pos = out.find(w, pos);
-        ASSERT_NE(std::string::npos, pos) << w << "\n---\n" << out;
-    }
-    EXPECT_EQ(0u,
-              stdout_of([] { kt4TimerPrintCurrentTick(); }).find("kt4TimerTickGetOffset is 0x"));
 }
 
 } // namespace

@@ -4,6 +4,8 @@
 #include <kt4/timer.h>
 #include <kt4/vx2bsd.h>
 
+#include "support/kt4_support.h"
+
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -12,6 +14,8 @@
 #include <thread>
 
 namespace {
+
+using kt4test::Counting;
 
 constexpr int kN = 60; // timers per kind
 enum Kind : uintptr_t {
@@ -26,15 +30,6 @@ enum Kind : uintptr_t {
 };
 
 kt4TmrHead head;
-std::atomic<int> allocs, frees;
-void *count_alloc(size_t n) {
-    allocs.fetch_add(1);
-    return std::malloc(n);
-}
-void count_free(void *p) {
-    frees.fetch_add(1);
-    std::free(p);
-}
 
 std::atomic<kt4Timer *> timer[kKinds][kN];
 std::atomic<int> fires[kKinds][kN], rearmed_fires[kN];
@@ -94,9 +89,10 @@ TEST(TimerLibConcurrent, TwoTasksProcessOneHeadWhileCallbacksChangeIt) {
             f = 0;
     for (auto &f : rearmed_fires)
         f = 0;
-    allocs = frees = calls = done = 0;
+    Counting::reset();
+    calls = done = 0;
     stop = false;
-    ASSERT_EQ(0, kt4TmrHeadInit(&head, count_alloc, count_free, TRUE, 0));
+    ASSERT_EQ(0, kt4TmrHeadInit(&head, Counting::alloc, Counting::free, TRUE, 0));
     // Created far ahead first, so that each callback finds its timer and victim published.
     for (Kind k : {kSpawner, kCounted, kRearmer, kKiller, kVictim, kDoomed})
         for (int i = 0; i < kN; ++i)
@@ -138,7 +134,7 @@ TEST(TimerLibConcurrent, TwoTasksProcessOneHeadWhileCallbacksChangeIt) {
         for (auto &t : timer[k])
             kt4TimerDelete(t, &head);
     EXPECT_EQ(0, kt4TmrHeadDestroy(&head));
-    EXPECT_EQ(allocs.load(), frees.load());
+    EXPECT_EQ(Counting::allocs.load(), Counting::frees.load());
 }
 
 } // namespace

@@ -8,9 +8,7 @@
 
 namespace {
 
-int key_of(int service, int instance) {
-    return service << 7 | instance << 2;
-}
+using tmetest::key_of;
 
 TEST(TaskKeys, ChecksHoldAtTheBounds) {
     EXPECT_EQ(kt4GetTaskKeyFromServiceAndInst(12, 0), -1);
@@ -32,14 +30,6 @@ TEST(TaskKeys, ChecksHoldAtTheBounds) {
     EXPECT_EQ(kt4TaskGetIpcKey(key_of(12, 4) | 1), key_of(12, 4) | 1);
     EXPECT_EQ(kt4TaskGetIpcKey(key_of(200, 4)), key_of(200, 4));
     EXPECT_EQ(kt4ProcIdByKey(key_of(364, 0)), -1);
-}
-
-TEST(TaskKeys, ServiceNames) {
-    EXPECT_STREQ(kt4CodeToText(kt4ServiceToNameTbl, 13), "TME");
-    EXPECT_STREQ(kt4CodeToText(kt4ServiceToNameTbl, 15), "CFG");
-    EXPECT_STREQ(kt4CodeToText(kt4ServiceToNameTbl, 324), "CFGSYNC");
-    EXPECT_STREQ(kt4CodeToText(kt4ServiceToNameTbl, 12), "UNKNOWN");
-    EXPECT_STREQ(kt4CodeToText(nullptr, 13), "UNKNOWN");
 }
 
 struct OwnKeyRun {

@@ -4,73 +4,25 @@
 #include <gtest/gtest.h>
 
 #include <csignal>
-#include <cstdio>
-#include <cstring>
-#include <sys/wait.h>
-#include <unistd.h>
 
 namespace {
 
+using tmetest::key_of;
+
 constexpr uint32_t kNone = 0xFFFFFFFF;
 
-int key_of(int service, int instance) {
-    return service << 7 | instance << 2;
-}
-
-// The helper as a peer process: started with fork and exec, driven through pipes.
-class PeerProcess {
-  public:
-    PeerProcess(int service, int instance) {
-        int in[2], out[2];
-        if (pipe(in) != 0 || pipe(out) != 0) return;
-        std::string path = tmetest::root_dir() + "/" + tmetest::kHelperName;
-        std::string svc = std::to_string(service), inst = std::to_string(instance);
-        std::string bytes = std::to_string(tmetest::kAreaBytes);
-        pid_ = fork();
-        if (pid_ == 0) {
-            dup2(in[0], 0);
-            dup2(out[1], 1);
-            close(in[1]);
-            close(out[0]);
-            execl(path.c_str(), path.c_str(), "peer", svc.c_str(), inst.c_str(), bytes.c_str(),
-                  static_cast<char *>(nullptr));
-            _exit(127);
-        }
-        close(in[0]);
-        close(out[1]);
-        to_ = fdopen(in[1], "w");
-        from_ = fdopen(out[0], "r");
-    }
-    ~PeerProcess() {
-        if (to_ != nullptr) fclose(to_);
-        if (from_ != nullptr) fclose(from_);
-        reap();
-    }
-    pid_t pid() const { return pid_; }
-    std::string line() {
-        char buf[128] = {};
-        if (from_ == nullptr || fgets(buf, sizeof buf, from_) == nullptr) return "";
-        return buf;
-    }
-    void say(const char *text) {
-        fputs(text, to_);
-        fflush(to_);
-    }
-    void reap() {
-        if (pid_ > 0) waitpid(pid_, nullptr, 0);
-        pid_ = -1;
-    }
-
-  private:
-    pid_t pid_ = -1;
-    FILE *to_ = nullptr;
-    FILE *from_ = nullptr;
+// The helper as a peer process of the card, driven through its standard input and output.
+struct PeerProcess : kt4test::Process {
+    PeerProcess(int service, int instance)
+        : Process({kt4test::Card::get().root() + "/" + tmetest::kHelperName, "peer",
+                   std::to_string(service), std::to_string(instance),
+                   std::to_string(kt4test::kAreaBytes)}) {}
 };
 
 TEST(PeerLookup, FindsAnEndpointOfAnotherProcessUntilItCloses) {
     PeerProcess peer(150, 4);
     ASSERT_GT(peer.pid(), 0);
-    ASSERT_EQ(peer.line(), "ready " + std::to_string(key_of(150, 4)) + "\n");
+    ASSERT_EQ(peer.line(), "ready " + std::to_string(key_of(150, 4)));
 
     int status = -1;
     EXPECT_EQ(kt4_tmeGetPeerIpAddrByName(150, 4, &status), tmetest::card_addr());
@@ -89,7 +41,7 @@ TEST(PeerLookup, FindsAnEndpointOfAnotherProcessUntilItCloses) {
     EXPECT_EQ(kt4_tmeGetPeerIpAddrByName(150, 5, &status), kNone);
 
     peer.say("close\n");
-    ASSERT_EQ(peer.line(), "closed\n");
+    ASSERT_EQ(peer.line(), "closed");
     EXPECT_EQ(kt4_tmeGetPeerIpAddrByName(150, 4, &status), kNone);
     EXPECT_EQ(status, KT4_TME_PEER_UNKNOWN);
 }
@@ -100,7 +52,7 @@ TEST(PeerLookup, ForgetsAPeerThatDied) {
     static int round = 0;
     const int inst = round++ % 32;
     PeerProcess peer(151, inst);
-    ASSERT_EQ(peer.line(), "ready " + std::to_string(key_of(151, inst)) + "\n");
+    ASSERT_EQ(peer.line(), "ready " + std::to_string(key_of(151, inst)));
     int status = -1;
     ASSERT_EQ(kt4_tmeGetPeerIpAddrByName(151, inst, &status), tmetest::card_addr());
 
@@ -110,7 +62,7 @@ TEST(PeerLookup, ForgetsAPeerThatDied) {
         return kt4_tmeGetPeerIpAddrByName(151, inst, &status) == kNone &&
                status == KT4_TME_PEER_UNKNOWN;
     }));
-    peer.reap();
+    peer.finish(10);
     EXPECT_EQ(kt4ProcIdByKey(key_of(151, inst)), -1);
     // Its service and instance can be taken again at once.
     EXPECT_EQ(kt4IpcOpen(151, inst), key_of(151, inst));

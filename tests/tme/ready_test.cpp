@@ -1,6 +1,8 @@
 // The ready message, byte for byte, as the card's task manager receives it.
 #include "tme/tme_env.h"
 
+#include "common/kt4_be.h"
+
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -10,14 +12,12 @@
 namespace {
 
 void be32_at(std::vector<unsigned char> &v, size_t off, uint32_t x) {
-    v[off] = static_cast<unsigned char>(x >> 24);
-    v[off + 1] = static_cast<unsigned char>(x >> 16);
-    v[off + 2] = static_cast<unsigned char>(x >> 8);
-    v[off + 3] = static_cast<unsigned char>(x);
+    kt4::store_be32(v.data() + off, x);
 }
 
-// The announcement goes through kt4IpcSend: with guaranteed delivery on, the first message to the manager is a guaranteed first send (command type 9) that
-// completes when the manager acknowledges it with command type 8.
+// The announcement goes through kt4IpcSend: with guaranteed delivery on, the first message to the
+// manager is a guaranteed first send (command type 9) that completes when the manager acknowledges
+// it with command type 8.
 TEST(TaskReady, SendsTheSeventyTwoByteMessageAndWaitsForTheManagersAcknowledgement) {
     kt4IpcGuaranteedEnDis(1);
     const uint32_t tmeAddr = kt4_sysGetIpAddr();
@@ -25,8 +25,8 @@ TEST(TaskReady, SendsTheSeventyTwoByteMessageAndWaitsForTheManagersAcknowledgeme
     ASSERT_EQ(tmeAddr, tmetest::card_addr());
     ASSERT_EQ(uint32_t{tmetest::kTmeInstance}, tmeInst) << "taken from KT4_TME_INSTANCE";
     const auto tmePort = static_cast<uint16_t>(kt4_getQueueId(13, static_cast<int>(tmeInst), 1));
-    tmetest::RawSocket tme(tmeAddr, tmePort);
-    ASSERT_TRUE(tme.ok());
+    kt4test::UdpPeer tme(tmeAddr, tmePort);
+    ASSERT_TRUE(tme.bound());
 
     const int service = 140, instance = 3;
     const int key = kt4GetTaskKeyFromServiceAndInst(service, instance);
@@ -68,7 +68,7 @@ TEST(TaskReady, SendsTheSeventyTwoByteMessageAndWaitsForTheManagersAcknowledgeme
         std::copy(m.begin() + 36, m.begin() + 48, ack.begin() + 48);
         return ack;
     };
-    ASSERT_TRUE(tme.send(tmetest::card_addr(), static_cast<uint16_t>(key | 2), ack_of(got)));
+    ASSERT_GT(tme.send(tmetest::card_addr(), static_cast<uint16_t>(key | 2), ack_of(got)), 0);
     EXPECT_EQ(startup.get(), key);
     // Acknowledged once: no second try reaches the manager.
     EXPECT_TRUE(tme.recv(1200).empty());
@@ -80,7 +80,7 @@ TEST(TaskReady, SendsTheSeventyTwoByteMessageAndWaitsForTheManagersAcknowledgeme
     EXPECT_EQ(got[4], 7);
     EXPECT_EQ(got[7], 1);
     EXPECT_TRUE(std::equal(got.begin() + 8, got.end(), want.begin() + 8));
-    ASSERT_TRUE(tme.send(tmetest::card_addr(), static_cast<uint16_t>(key | 2), ack_of(got)));
+    ASSERT_GT(tme.send(tmetest::card_addr(), static_cast<uint16_t>(key | 2), ack_of(got)), 0);
     EXPECT_EQ(again.get(), 0);
 
     kt4IpcClose(key);

@@ -2,6 +2,8 @@
 // task exit releases.
 #include "tme/tme_env.h"
 
+#include "common/kt4_be.h"
+
 #include <gtest/gtest.h>
 
 #include <cerrno>
@@ -12,11 +14,9 @@
 
 namespace {
 
-constexpr uint32_t kNone = 0xFFFFFFFF;
+using tmetest::key_of;
 
-int key_of(int service, int instance) {
-    return service << 7 | instance << 2;
-}
+constexpr uint32_t kNone = 0xFFFFFFFF;
 
 // The calling thread becomes a task the system knows (the parent of what it creates).
 class Parent : public ::testing::Test {
@@ -159,9 +159,8 @@ TEST_F(Parent, RefusesWhatItCannotCreate) {
 TEST_F(Parent, ProcessTaskRunsTheProgramAndAnswersThroughTheRegistry) {
     // This process's TME endpoint stands for the task manager that hears the ready message.
     const int tmeInst = static_cast<int>(kt4_sysGetInstance());
-    tmetest::RawSocket tme(kt4_sysGetIpAddr(),
-                           static_cast<uint16_t>(kt4_getQueueId(13, tmeInst, 1)));
-    ASSERT_TRUE(tme.ok());
+    kt4test::UdpPeer tme(kt4_sysGetIpAddr(), static_cast<uint16_t>(kt4_getQueueId(13, tmeInst, 1)));
+    ASSERT_TRUE(tme.bound());
 
     int pid = kt4TaskCreate("pHelper", 180, 1, KT4_TASK_AS_PROCESS, 100, 0, 0, nullptr, 0,
                             tmetest::kHelperName, " task\talpha\n beta ");
@@ -170,10 +169,7 @@ TEST_F(Parent, ProcessTaskRunsTheProgramAndAnswersThroughTheRegistry) {
     std::vector<unsigned char> ready = tme.recv(10000);
     ASSERT_EQ(ready.size(), static_cast<size_t>(KT4_TASK_READY_MSG_LEN));
     EXPECT_EQ(kt4IpcHdrGet(ready.data(), KT4_IPC_HDR_MSG_TYPE), 1601u);
-    auto word = [&](size_t off) {
-        return static_cast<uint32_t>(ready[off]) << 24 | ready[off + 1] << 16 |
-               ready[off + 2] << 8 | ready[off + 3];
-    };
+    auto word = [&](size_t off) { return kt4::load_be32(ready.data() + off); };
     EXPECT_EQ(word(64), static_cast<uint32_t>(pid));
     EXPECT_EQ(word(68), 180u);
 

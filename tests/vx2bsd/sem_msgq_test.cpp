@@ -23,9 +23,7 @@ using Queues = VxTest;
 TEST_F(Semaphores, NoWaitTimeoutAndInvalidIds) {
     kt4SemId b = semBCreate(KT4_SEM_Q_FIFO, KT4_SEM_EMPTY);
     ASSERT_NE(0u, b);
-    errno = 0;
-    EXPECT_EQ(ERROR, semTake(b, NO_WAIT));
-    EXPECT_EQ(KT4_E_OBJ_UNAVAILABLE, errno);
+    KT4_EXPECT_ERRNO(KT4_E_OBJ_UNAVAILABLE, ERROR, semTake(b, NO_WAIT));
     auto t0 = Clock::now();
     errno = 0;
     EXPECT_EQ(ERROR, semTake(b, 5));
@@ -49,9 +47,7 @@ TEST_F(Semaphores, NoWaitTimeoutAndInvalidIds) {
     // A give at the counter's maximum is refused and the count stays usable.
     kt4SemId full = semCCreate(KT4_SEM_Q_FIFO, INT_MAX);
     ASSERT_NE(0u, full);
-    errno = 0;
-    EXPECT_EQ(ERROR, semGive(full));
-    EXPECT_EQ(KT4_E_INVALID_OPERATION, errno);
+    KT4_EXPECT_ERRNO(KT4_E_INVALID_OPERATION, ERROR, semGive(full));
     EXPECT_EQ(OK, semTake(full, NO_WAIT));
     EXPECT_EQ(OK, semGive(full));
     EXPECT_EQ(ERROR, semGive(full));
@@ -62,12 +58,8 @@ TEST_F(Semaphores, NoWaitTimeoutAndInvalidIds) {
     EXPECT_EQ(OK, semDelete(b));
     EXPECT_EQ(OK, semDelete(c));
     for (kt4SemId bad : {b, c, kt4SemId{0}, kt4SemId{12345}}) {
-        errno = 0;
-        EXPECT_EQ(ERROR, semTake(bad, NO_WAIT));
-        EXPECT_EQ(KT4_E_OBJ_ID, errno);
-        errno = 0;
-        EXPECT_EQ(ERROR, semGive(bad));
-        EXPECT_EQ(KT4_E_OBJ_ID, errno);
+        KT4_EXPECT_ERRNO(KT4_E_OBJ_ID, ERROR, semTake(bad, NO_WAIT));
+        KT4_EXPECT_ERRNO(KT4_E_OBJ_ID, ERROR, semGive(bad));
     }
 }
 
@@ -88,9 +80,7 @@ TEST_F(Semaphores, StaleIdFailsAfterItsEntryIsReused) {
     ASSERT_NE(0u, reused);
     EXPECT_EQ(old_id + 2304, reused);
     for (auto op : {semGive, semFlush, semDelete}) {
-        errno = 0;
-        EXPECT_EQ(ERROR, op(old_id));
-        EXPECT_EQ(KT4_E_OBJ_ID, errno);
+        KT4_EXPECT_ERRNO(KT4_E_OBJ_ID, ERROR, op(old_id));
     }
     EXPECT_EQ(OK, semGive(reused)); // the new one is untouched
     EXPECT_EQ(OK, semTake(reused, NO_WAIT));
@@ -116,9 +106,7 @@ TEST_F(Semaphores, MutexRecursionOwnershipAndDeleteSafety) {
     EXPECT_EQ(OK, semGive(m));
     EXPECT_TRUE(eventually([&] { return gone(other); }));
     EXPECT_EQ(OK, take_rc.load());
-    errno = 0;
-    EXPECT_EQ(ERROR, semFlush(m));
-    EXPECT_EQ(KT4_E_INVALID_OPERATION, errno);
+    KT4_EXPECT_ERRNO(KT4_E_INVALID_OPERATION, ERROR, semFlush(m));
 
     // Delete safety: a task holding the semaphore is deleted only once it gives it.
     Steps steps;
@@ -238,10 +226,8 @@ TEST_F(Semaphores, FlushReleasesEveryWaiterBeforeItReturns) {
         EXPECT_TRUE(taskIsReady(id)) << id; // none waits any more
     ASSERT_TRUE(w.results.wait_size(3));
     EXPECT_EQ((std::vector<std::string>{"OK", "OK", "OK"}), w.results.get());
-    errno = 0;
-    EXPECT_EQ(ERROR, semTake(s, NO_WAIT)); // the count stayed 0
-    EXPECT_EQ(KT4_E_OBJ_UNAVAILABLE, errno);
-    EXPECT_EQ(OK, semFlush(s)); // nobody waiting
+    KT4_EXPECT_ERRNO(KT4_E_OBJ_UNAVAILABLE, ERROR, semTake(s, NO_WAIT)); // the count stayed 0
+    EXPECT_EQ(OK, semFlush(s));                                          // nobody waiting
     w.let_go();
     EXPECT_TRUE(eventually([&] { return task_count() == kServiceTasks; }));
     semDelete(s);
@@ -331,9 +317,7 @@ TEST_F(Semaphores, FlushAndDeleteEndWhileTakersKeepArriving) {
         ASSERT_TRUE(c.finished()) << "round " << round;
         EXPECT_EQ(1, c.ok.load());
         EXPECT_EQ(1, c.refused.load());
-        errno = 0;
-        EXPECT_EQ(ERROR, semTake(s, NO_WAIT));
-        EXPECT_EQ(KT4_E_OBJ_ID, errno);
+        KT4_EXPECT_ERRNO(KT4_E_OBJ_ID, ERROR, semTake(s, NO_WAIT));
     }
 }
 
@@ -382,9 +366,7 @@ TEST_F(Queues, UrgentMessagesGoInFrontOfAllOthers) {
     ASSERT_EQ(OK, send_str(q, "u1", NO_WAIT, KT4_MSG_PRI_URGENT));
     ASSERT_EQ(OK, send_str(q, "u2", NO_WAIT, KT4_MSG_PRI_URGENT));
     EXPECT_EQ(5, msgQNumMsgs(q));
-    errno = 0;
-    EXPECT_EQ(ERROR, send_str(q, "full"));
-    EXPECT_EQ(KT4_E_OBJ_UNAVAILABLE, errno);
+    KT4_EXPECT_ERRNO(KT4_E_OBJ_UNAVAILABLE, ERROR, send_str(q, "full"));
     std::vector<std::string> got;
     for (int i = 0; i < 5; ++i)
         got.push_back(recv_str(q));
@@ -402,54 +384,39 @@ TEST_F(Queues, UrgentMessagesGoInFrontOfAllOthers) {
 TEST_F(Queues, LengthChecksTimeoutsAndInvalidIds) {
     kt4MsgQId q = msgQCreate(2, 8, KT4_MSGQ_FIFO);
     char buf[8];
-    errno = 0;
-    EXPECT_EQ(ERROR, msgQSend(q, "123456789", 9, NO_WAIT, KT4_MSG_PRI_NORMAL));
-    EXPECT_EQ(KT4_E_INVALID_MSG_LENGTH, errno);
+    KT4_EXPECT_ERRNO(KT4_E_INVALID_MSG_LENGTH, ERROR,
+                     msgQSend(q, "123456789", 9, NO_WAIT, KT4_MSG_PRI_NORMAL));
     // A length with no buffer behind it is refused; an empty message without one is fine.
-    errno = 0;
-    EXPECT_EQ(ERROR, msgQSend(q, nullptr, 8, NO_WAIT, KT4_MSG_PRI_NORMAL));
-    EXPECT_EQ(KT4_E_INVALID_MSG_LENGTH, errno);
+    KT4_EXPECT_ERRNO(KT4_E_INVALID_MSG_LENGTH, ERROR,
+                     msgQSend(q, nullptr, 8, NO_WAIT, KT4_MSG_PRI_NORMAL));
     EXPECT_EQ(0, msgQNumMsgs(q));
     ASSERT_EQ(OK, msgQSend(q, nullptr, 0, NO_WAIT, KT4_MSG_PRI_NORMAL));
     EXPECT_EQ(0, msgQReceive(q, buf, sizeof buf, NO_WAIT));
     ASSERT_EQ(OK, send_str(q, "hi"));
-    errno = 0;
-    EXPECT_EQ(ERROR, msgQReceive(q, buf, 7, NO_WAIT)); // one byte short of the largest message
-    EXPECT_EQ(KT4_E_INVALID_MSG_LENGTH, errno);
+    KT4_EXPECT_ERRNO(KT4_E_INVALID_MSG_LENGTH, ERROR,
+                     msgQReceive(q, buf, 7, NO_WAIT)); // one byte short of the largest message
     EXPECT_EQ(0, msgQReceive(q, nullptr, 8, NO_WAIT)); // discarded
     EXPECT_EQ(0, msgQNumMsgs(q));
     buf[0] = 'x';
-    errno = 0;
-    EXPECT_EQ(ERROR, msgQReceive(q, buf, sizeof buf, NO_WAIT));
-    EXPECT_EQ(KT4_E_OBJ_UNAVAILABLE, errno);
+    KT4_EXPECT_ERRNO(KT4_E_OBJ_UNAVAILABLE, ERROR, msgQReceive(q, buf, sizeof buf, NO_WAIT));
     EXPECT_EQ(0, buf[0]);
     auto t0 = Clock::now();
-    errno = 0;
-    EXPECT_EQ(ERROR, msgQReceive(q, buf, sizeof buf, 5));
-    EXPECT_EQ(KT4_E_OBJ_TIMEOUT, errno);
+    KT4_EXPECT_ERRNO(KT4_E_OBJ_TIMEOUT, ERROR, msgQReceive(q, buf, sizeof buf, 5));
     EXPECT_GE(ms_since(t0), 90);
     ASSERT_EQ(OK, send_str(q, "a"));
     ASSERT_EQ(OK, send_str(q, "b"));
     t0 = Clock::now();
-    errno = 0;
-    EXPECT_EQ(ERROR, send_str(q, "c", 5));
-    EXPECT_EQ(KT4_E_OBJ_TIMEOUT, errno);
+    KT4_EXPECT_ERRNO(KT4_E_OBJ_TIMEOUT, ERROR, send_str(q, "c", 5));
     EXPECT_GE(ms_since(t0), 90);
     EXPECT_EQ(OK, msgQDelete(q));
-    errno = 0;
-    EXPECT_EQ(ERROR, msgQNumMsgs(q));
-    EXPECT_EQ(KT4_E_OBJ_ID, errno);
-    errno = 0;
-    EXPECT_EQ(ERROR, send_str(q, "x"));
-    EXPECT_EQ(KT4_E_OBJ_ID, errno);
+    KT4_EXPECT_ERRNO(KT4_E_OBJ_ID, ERROR, msgQNumMsgs(q));
+    KT4_EXPECT_ERRNO(KT4_E_OBJ_ID, ERROR, send_str(q, "x"));
 }
 
 TEST_F(Queues, CapacityZeroHandsOverOnlyToAWaitingReceiver) {
     kt4MsgQId q = msgQCreate(0, 16, KT4_MSGQ_FIFO);
     ASSERT_NE(nullptr, q);
-    errno = 0;
-    EXPECT_EQ(ERROR, send_str(q, "nobody"));
-    EXPECT_EQ(KT4_E_OBJ_UNAVAILABLE, errno);
+    KT4_EXPECT_ERRNO(KT4_E_OBJ_UNAVAILABLE, ERROR, send_str(q, "nobody"));
 
     // Receiver first: the send is taken into the spare slot at once.
     Steps steps;

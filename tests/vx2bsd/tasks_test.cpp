@@ -36,13 +36,9 @@ TEST_F(Tasks, IdsNamesAndQueries) {
     int prio = -1;
     EXPECT_EQ(OK, taskPriorityGet(b, &prio));
     EXPECT_EQ(120, prio);
-    errno = 0;
-    EXPECT_EQ(ERROR, taskPriorityGet(0, &prio)); // 0 is not the caller here
-    EXPECT_EQ(KT4_E_OBJ_ID, errno);
+    KT4_EXPECT_ERRNO(KT4_E_OBJ_ID, ERROR, taskPriorityGet(0, &prio)); // 0 is not the caller here
     // Outside 0..255: stored all the same, and reported.
-    errno = 0;
-    EXPECT_EQ(ERROR, taskPrioritySet(b, 300));
-    EXPECT_EQ(KT4_E_ILLEGAL_PRIORITY, errno);
+    KT4_EXPECT_ERRNO(KT4_E_ILLEGAL_PRIORITY, ERROR, taskPrioritySet(b, 300));
     EXPECT_EQ(OK, taskPriorityGet(b, &prio));
     EXPECT_EQ(300, prio);
     EXPECT_EQ(OK, taskPrioritySet(b, 90));
@@ -52,13 +48,11 @@ TEST_F(Tasks, IdsNamesAndQueries) {
     EXPECT_EQ(a, desc.ti_id);
     EXPECT_STREQ("tA", desc.ti_name);
     EXPECT_EQ(100, desc.ti_priority);
-    EXPECT_EQ(&run_fn, desc.ti_entry);
+    EXPECT_EQ(kt4test::task_lambda_entry, reinterpret_cast<const void *>(desc.ti_entry));
     EXPECT_EQ(0, desc.ti_status);
 
     int before = task_count();
-    errno = 0;
-    EXPECT_EQ(ERROR, spawn("tBad", 300, [] {}));
-    EXPECT_EQ(KT4_E_ILLEGAL_PRIORITY, errno);
+    KT4_EXPECT_ERRNO(KT4_E_ILLEGAL_PRIORITY, ERROR, spawn("tBad", 300, [] {}));
     EXPECT_EQ(before, task_count());
     EXPECT_EQ(ERROR, taskNameToId("tBad"));
 
@@ -71,9 +65,7 @@ TEST_F(Tasks, IdsNamesAndQueries) {
 
     for (int id : {a, b, d})
         EXPECT_EQ(OK, taskDelete(id));
-    errno = 0;
-    EXPECT_EQ(ERROR, taskDelete(a));
-    EXPECT_EQ(KT4_E_OBJ_DELETED, errno);
+    KT4_EXPECT_ERRNO(KT4_E_OBJ_DELETED, ERROR, taskDelete(a));
     EXPECT_EQ(OK, semDelete(hold));
 }
 
@@ -86,9 +78,8 @@ TEST_F(Tasks, TaskInitAndActivateWithCallerStorage) {
         runs += static_cast<int>(x + y);
         return 0;
     };
-    errno = 0;
-    EXPECT_EQ(ERROR, taskInit(nullptr, "x", 1, 0, nullptr, 0, entry, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0));
-    EXPECT_EQ(KT4_E_OBJ_ID, errno);
+    KT4_EXPECT_ERRNO(KT4_E_OBJ_ID, ERROR,
+                     taskInit(nullptr, "x", 1, 0, nullptr, 0, entry, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0));
     ASSERT_EQ(OK,
               taskInit(&tcb, "tStatic", 100, 0, nullptr, 0, entry, 1, 0, 0, 0, 0, 0, 0, 0, 0, 2));
     int id = static_cast<int>(reinterpret_cast<uintptr_t>(&tcb));
@@ -103,9 +94,7 @@ TEST_F(Tasks, TaskInitAndActivateWithCallerStorage) {
               taskInit(&tcb, "tStatic", 256, 0, nullptr, 0, entry, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0));
     EXPECT_EQ(KT4_E_ILLEGAL_PRIORITY, errno);
     EXPECT_TRUE(gone(id));
-    errno = 0;
-    EXPECT_EQ(ERROR, taskActivate(id));
-    EXPECT_EQ(KT4_E_OBJ_ID, errno);
+    KT4_EXPECT_ERRNO(KT4_E_OBJ_ID, ERROR, taskActivate(id));
 }
 
 Steps hook_steps;
@@ -248,24 +237,18 @@ TEST_F(Tasks, SuspendAndResumeAnotherTaskWithInvertedResults) {
         }
     });
     ASSERT_TRUE(eventually([&] { return count > 3; }));
-    errno = 0;
-    EXPECT_EQ(ERROR, taskSuspend(t)); // suspended all the same
-    EXPECT_EQ(KT4_E_OBJ_ID, errno);
+    KT4_EXPECT_ERRNO(KT4_E_OBJ_ID, ERROR, taskSuspend(t)); // suspended all the same
     EXPECT_TRUE(taskIsSuspended(t));
     EXPECT_FALSE(taskIsReady(t));
     EXPECT_EQ(OK, taskSuspend(t)); // already suspended
     long frozen = count;
     std::this_thread::sleep_for(std::chrono::milliseconds(100)); // the process keeps running
     EXPECT_EQ(frozen, count.load());
-    errno = 0;
-    EXPECT_EQ(ERROR, taskResume(t)); // running again all the same
-    EXPECT_EQ(KT4_E_OBJ_DELETED, errno);
+    KT4_EXPECT_ERRNO(KT4_E_OBJ_DELETED, ERROR, taskResume(t)); // running again all the same
     EXPECT_FALSE(taskIsSuspended(t));
     EXPECT_TRUE(eventually([&] { return count > frozen + 3; }));
     EXPECT_EQ(OK, taskResume(t)); // not suspended
-    errno = 0;
-    EXPECT_EQ(ERROR, taskSuspend(4711));
-    EXPECT_EQ(KT4_E_OBJ_ID, errno);
+    KT4_EXPECT_ERRNO(KT4_E_OBJ_ID, ERROR, taskSuspend(4711));
 
     // A suspended task can be deleted.
     EXPECT_EQ(ERROR, taskSuspend(t));
@@ -313,9 +296,7 @@ TEST_F(Tasks, RestartAnotherTaskAndItself) {
     EXPECT_EQ(OK, taskRestart(t));
     EXPECT_TRUE(eventually([&] { return other.starts == 2 && pended(t); }));
     EXPECT_EQ(t, taskNameToId("tRestarted"));
-    errno = 0;
-    EXPECT_EQ(ERROR, taskRestart(4711));
-    EXPECT_EQ(KT4_E_OBJ_ID, errno);
+    KT4_EXPECT_ERRNO(KT4_E_OBJ_ID, ERROR, taskRestart(4711));
     EXPECT_EQ(OK, taskDelete(t));
     EXPECT_EQ(OK, semDelete(other.never));
 

@@ -1,8 +1,10 @@
-// Helpers of the tasking layer's tests: tasks running C++ callables, a recorder of the steps
-// several tasks take, polling with a bound, and a fixture that checks every test's tasks end.
+// Helpers of the tasking layer's tests: a recorder of the steps several tasks take, and a
+// fixture that starts the layer and checks every test's tasks end.
 #pragma once
 
 #include <kt4/vx2bsd.h>
+
+#include "support/kt4_support.h"
 
 #include <gtest/gtest.h>
 
@@ -27,15 +29,7 @@ inline bool no_rt() {
     return v != nullptr && *v != '\0' && std::string(v) != "0";
 }
 
-// Polls pred every millisecond until it holds or the bound passes.
-template <typename Pred> bool eventually(Pred pred, int ms = 3000) {
-    auto end = Clock::now() + std::chrono::milliseconds(ms);
-    while (!pred()) {
-        if (Clock::now() > end) return pred();
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    return true;
-}
+using kt4test::eventually;
 
 inline long ms_since(Clock::time_point t0) {
     return static_cast<long>(
@@ -70,22 +64,9 @@ class Steps {
     std::vector<std::string> v_;
 };
 
-inline int run_fn(kt4_arg_t fn, kt4_arg_t, kt4_arg_t, kt4_arg_t, kt4_arg_t, kt4_arg_t, kt4_arg_t,
-                  kt4_arg_t, kt4_arg_t, kt4_arg_t) {
-    auto *heap = reinterpret_cast<std::function<void()> *>(fn);
-    std::function<void()> f = std::move(*heap);
-    delete heap;
-    f();
-    return 0;
-}
-
 // Spawns a task running f; the id, or ERROR.
 inline int spawn(const char *name, int priority, std::function<void()> f) {
-    auto *heap = new std::function<void()>(std::move(f));
-    int id = taskSpawn(name, priority, 0, 0, run_fn, reinterpret_cast<kt4_arg_t>(heap), 0, 0, 0, 0,
-                       0, 0, 0, 0, 0);
-    if (id == ERROR) delete heap;
-    return id;
+    return kt4test::spawn_task(name, priority, std::move(f));
 }
 
 // A task that never returns by itself (deleted by the test).
@@ -109,8 +90,10 @@ inline int task_count() {
 // The process's service tasks: tUsrRoot, tExcTask, tTimerTask.
 constexpr int kServiceTasks = 3;
 
+// Every test process starts the tasking layer once, as a control process does.
 class VxTest : public ::testing::Test {
   protected:
+    static void SetUpTestSuite() { ASSERT_EQ(0, kt4VxToBsdInit(1, 1)); }
     void TearDown() override {
         // A test leaves no task behind: the next one counts ids from 1 again.
         bool clean = eventually([] { return task_count() == kServiceTasks; }, 3000);

@@ -116,17 +116,13 @@ TEST_F(Watchdogs, ManyObjectsStaleAndForeignHandlesAreRefused) {
     for (void *foreign :
          {static_cast<void *>(q), static_cast<void *>(tms[0]), static_cast<void *>(&on_stack)}) {
         if (foreign != tms[0]) {
-            errno = 0;
-            EXPECT_EQ(ERROR, vx2bsdTimerCancel(static_cast<VX2BSD_TIMER_ID>(foreign)));
-            EXPECT_EQ(KT4_E_OBJ_ID, errno);
+            KT4_EXPECT_ERRNO(KT4_E_OBJ_ID, ERROR,
+                             vx2bsdTimerCancel(static_cast<VX2BSD_TIMER_ID>(foreign)));
         }
-        errno = 0;
-        EXPECT_EQ(ERROR, wdStart(static_cast<kt4WdogId>(foreign), 1, count_fire, 0));
-        EXPECT_EQ(KT4_E_OBJ_ID, errno);
+        KT4_EXPECT_ERRNO(KT4_E_OBJ_ID, ERROR,
+                         wdStart(static_cast<kt4WdogId>(foreign), 1, count_fire, 0));
     }
-    errno = 0;
-    EXPECT_EQ(ERROR, msgQNumMsgs(reinterpret_cast<kt4MsgQId>(wds[0])));
-    EXPECT_EQ(KT4_E_OBJ_ID, errno);
+    KT4_EXPECT_ERRNO(KT4_E_OBJ_ID, ERROR, msgQNumMsgs(reinterpret_cast<kt4MsgQId>(wds[0])));
     // Every live watchdog armed fires once at the next pass.
     for (int i = 0; i < kMany; i += 2)
         ASSERT_EQ(OK, wdStart(wds[static_cast<size_t>(i)], 1, count_fire, 0));
@@ -181,9 +177,7 @@ TEST_F(Timers, PeriodicAndOneShotAtSecondGranularity) {
     EXPECT_EQ(OK, vx2bsdTimerDelete(p));
     EXPECT_EQ(OK, vx2bsdTimerDelete(o));
     for (VX2BSD_TIMER_ID gone_timer : {p, d}) {
-        errno = 0;
-        EXPECT_EQ(ERROR, vx2bsdTimerStart(gone_timer, 1, timer_record, 0, 0));
-        EXPECT_EQ(KT4_E_OBJ_ID, errno);
+        KT4_EXPECT_ERRNO(KT4_E_OBJ_ID, ERROR, vx2bsdTimerStart(gone_timer, 1, timer_record, 0, 0));
         EXPECT_EQ(ERROR, vx2bsdTimerCancel(gone_timer));
         EXPECT_EQ(ERROR, vx2bsdTimerDelete(gone_timer));
     }

@@ -1,0 +1,265 @@
+// Queue lists (group assignment, the group stamp, group flush) and queues over the ICL, both
+// with the receiver as an endpoint of this process.
+#include "swp_test_util.h"
+
+#include <kt4/log.h>
+
+#include <vector>
+
+namespace {
+
+using namespace swptest;
+
+class SwpLocal : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        card_up();
+        g_freed = 0;
+        g_cb_status = -1;
+        sendSvc_ = fresh_service();
+        recvSvc_ = fresh_service();
+        key_ = kt4IpcOpen(sendSvc_, 0);
+        recvKey_ = kt4IpcOpen(recvSvc_, 0);
+        ASSERT_GT(key_, 0);
+        ASSERT_GT(recvKey_, 0);
+    }
+    void TearDown() override {
+        kt4IpcClose(recvKey_);
+        kt4IpcClose(key_);
+    }
+    uint32_t make_list(uint32_t queues, uint32_t groups, kt4SwpQList **l) {
+        return kt4SwpQListCreate(0, 0, 500, 5, sendSvc_, 0, key_, recvSvc_, 0, 7000, nullptr,
+                                 nullptr, count_free, record_cb, 1, l, queues, groups);
+    }
+    int sendSvc_ = 0, recvSvc_ = 0, key_ = -1, recvKey_ = -1;
+};
+
+TEST_F(SwpLocal, ListAssignsLeastLoadedQueuesAndGroupFlushKeepsTheOtherGroupsInOrder) {
+    kt4SwpQList *l = nullptr;
+    EXPECT_EQ(KT4_SWP_FAILURE, make_list(3, 2, &l));
+    EXPECT_EQ(KT4_SWP_FAILURE, make_list(0, 2, &l));
+    ASSERT_EQ(0u, make_list(2, 4, &l));
+    for (uint32_t g = 0; g < 4; ++g)
+        ASSERT_EQ(0u, kt4SWPQListAddMsgGroup(l, g));
+    EXPECT_EQ(KT4_SWP_FAILURE, kt4SWPQListAddMsgGroup(l, 4));
+    uint32_t h[4];
+    for (uint32_t g = 0; g < 4; ++g)
+        ASSERT_EQ(0u, kt4SWPQListGetQHandle(l, g, &h[g]));
+    EXPECT_EQ(h[0], h[2]);
+    EXPECT_EQ(h[1], h[3]);
+    EXPECT_NE(h[0], h[1]);
+    EXPECT_EQ(l->queues[0].handle, h[0]);
+
+    // 135 bytes are too few for the stamp; the refusal is told with the err switch on.
+    // Payloads of list messages sit behind the group stamp.
+    auto list_msg = [](uint32_t n) {
+        auto *m = static_cast<unsigned char *>(make_msg(140, 0));
+        store_word(m + KT4_SWP_QLIST_MSG_MIN, n);
+        return m;
+    };
+    void *m = list_msg(99);
+    swp_qlist_err_dbg = 1;
+    std::string said =
+        kt4test::stdout_of([&] { EXPECT_EQ(KT4_SWP_FAILURE, kt4SWPQListEnqueue(l, 0, m, 135)); });
+    swp_qlist_err_dbg = 0;
+    EXPECT_EQ("kt4SWPQListEnqueue: Buffer len < minimal required length\n", said);
+
+    // Window 1: the first message of queue 0 goes, the rest waits; then group 2 is flushed.
+    ASSERT_EQ(0u, kt4SWPQListEnqueue(l, 0, m, 136)); // 136 is enough
+    const uint32_t groups[] = {2, 0, 2, 0};
+    for (uint32_t i = 0; i < 4; ++i)
+        ASSERT_EQ(0u, kt4SWPQListEnqueue(l, groups[i], list_msg(100 + i), 140));
+    ASSERT_EQ(0u, kt4SWPQListEnqueue(l, 1, list_msg(200), 140));
+    EXPECT_EQ(6u, kt4SwpQListGetLen(l));
+    EXPECT_EQ(0u, kt4SwpQListFlushGroup(l, 2, 0));
+    uint32_t len = 0;
+    ASSERT_EQ(0u, kt4SwpQListGetQLen(l, 0, &len));
+    EXPECT_EQ(3u, len);
+    EXPECT_EQ(2, g_freed.load());
+    EXPECT_EQ(KT4_SWP_FAILURE, kt4SwpQListFlushGroup(l, 4, 0));
+
+    // The receiver sees 99, 101, 103 on queue 0 and 200 on queue 1, each with its stamp.
+    kt4SwpExpSeqList *exp = nullptr;
+    ASSERT_EQ(0u, kt4SwpQListCreateExpSeqList(&exp, 2));
+    std::vector<uint32_t> got[2];
+    unsigned char buf[2048];
+    kt4test::eventually(
+        [&] {
+            int n = recv_within(recvKey_ | KT4_IPC_QUEUE_REQ, buf, sizeof buf, 5);
+            if (n > 0 && kt4SwpQListCkSeqAndAck(recvKey_, buf, n, exp, 1) == KT4_SWP_SEQ_MATCH) {
+                uint32_t q = load_word(buf + KT4_SWP_QLIST_QIDX_OFF);
+                uint32_t g = load_word(buf + KT4_SWP_QLIST_GRP_OFF);
+                EXPECT_EQ(h[g], l->queues[q].handle);
+                // The 136-byte message carries no payload: its length names it.
+                got[q & 1].push_back(n == 136 ? 99 : load_word(buf + KT4_SWP_QLIST_MSG_MIN));
+            }
+            int a = recv_within(key_ | KT4_IPC_QUEUE_RSP, buf, sizeof buf, 0);
+            if (a > 0) kt4SwpProcMsg(buf, a);
+            return kt4SwpQListGetLen(l) == 0;
+        },
+        5000);
+    EXPECT_EQ((std::vector<uint32_t>{99, 101, 103}), got[0]);
+    EXPECT_EQ((std::vector<uint32_t>{200}), got[1]);
+    EXPECT_EQ(3u, exp->expected[0].lo);
+    EXPECT_EQ(1u, exp->expected[1].lo);
+
+    // Adding a group again moves it without taking it off its old queue's count.
+    ASSERT_EQ(0u, kt4SWPQListRemoveMsgGroup(l, 3)); // queue 1: 1 group
+    ASSERT_EQ(0u, kt4SWPQListAddMsgGroup(l, 0));    // least loaded is queue 1
+    EXPECT_EQ(1u, l->groupMap[0]);
+    EXPECT_EQ(2u, l->queues[0].groups);
+    EXPECT_EQ(2u, l->queues[1].groups);
+    EXPECT_EQ(0u, kt4SwpQListFlush(l));
+    EXPECT_EQ(0u, kt4SwpQListRemoveExpSeqList(exp));
+    EXPECT_EQ(0u, kt4SwpQListRemove(l));
+}
+
+TEST_F(SwpLocal, ReceivingStreamRestoresOrderAndRepeatsALostAcknowledgement) {
+    uint32_t h = 0;
+    ASSERT_EQ(0u, kt4MwpQueueCreate_p(0, 0, 500, 5, sendSvc_, 0, key_, recvSvc_, 0, 7000, nullptr,
+                                      nullptr, count_free, record_cb, 4, &h));
+    std::vector<uint32_t> delivered;
+    kt4SwpRx *rx = kt4SwpRxCreate(
+        recvKey_, 16,
+        [](void *arg, const void *msg, int) {
+            static_cast<std::vector<uint32_t> *>(arg)->push_back(payload_of(msg));
+        },
+        &delivered);
+    ASSERT_NE(nullptr, rx);
+    for (uint32_t i = 0; i < 4; ++i)
+        ASSERT_EQ(0u, kt4SwpEnqueue(h, make_msg(140, i), 140));
+    unsigned char buf[512], first[512];
+    const int data = recvKey_ | KT4_IPC_QUEUE_REQ, acks = key_ | KT4_IPC_QUEUE_RSP;
+    int firstLen = recv_within(data, first, sizeof first, 2000); // 0.0: "lost" for now
+    ASSERT_EQ(140, firstLen);
+    for (int i = 1; i < 4; ++i) {
+        int n = recv_within(data, buf, sizeof buf, 2000);
+        ASSERT_EQ(KT4_SWP_FAILURE, kt4SwpRxPut(rx, buf, n)); // early: held
+    }
+    EXPECT_TRUE(delivered.empty());
+    int n = recv_within(acks, buf, sizeof buf, 2000); // one negative acknowledgement
+    ASSERT_EQ(KT4_SWP_MT_NACK, kt4IpcHdrGet(buf, KT4_IPC_HDR_MSG_TYPE));
+    EXPECT_EQ(0, recv_within(acks, buf, sizeof buf, 20));
+    kt4SwpProcMsg(buf, n);
+    n = recv_within(data, buf, sizeof buf, 2000); // the head, resent
+    ASSERT_EQ(KT4_SWP_SEQ_MATCH, kt4SwpRxPut(rx, buf, n));
+    EXPECT_EQ((std::vector<uint32_t>{0, 1, 2, 3}), delivered);
+    EXPECT_EQ(KT4_SWP_SEQ_ONE_LESS, kt4SwpRxPut(rx, first, firstLen)); // a copy, not a restart
+    EXPECT_EQ(4u, delivered.size());
+    // Both acknowledgements for the run are lost; the stream says it again once quiet.
+    ASSERT_GT(recv_within(acks, buf, sizeof buf, 2000), 0);
+    ASSERT_GT(recv_within(acks, buf, sizeof buf, 2000), 0);
+    EXPECT_TRUE(kt4test::eventually([&] { return kt4SwpRxPoll(rx, 1) == 1; }, 1000));
+    n = recv_within(acks, buf, sizeof buf, 2000);
+    ASSERT_EQ(KT4_SWP_MT_ACK, kt4IpcHdrGet(buf, KT4_IPC_HDR_MSG_TYPE));
+    EXPECT_EQ(0u, kt4SwpProcMsg(buf, n));
+    kt4SwpQueueStatus s{};
+    ASSERT_EQ(0u, kt4SwpGetQueueStatus(h, &s));
+    EXPECT_EQ(0u, s.curLen);
+    EXPECT_EQ(1u, s.retrans);
+    EXPECT_EQ(0u, s.timeouts);
+    kt4SwpRxDestroy(rx);
+    EXPECT_EQ(0u, kt4SwpQueueRemove(h));
+}
+
+TEST_F(SwpLocal, TimerQueueVariantTakesItsAcknowledgementsOnTheTimerQueue) {
+    ASSERT_GT(kt4IpcTmrOpen(sendSvc_, 0), 0);
+    uint32_t h = 0;
+    ASSERT_EQ(0u, kt4SwpQueueCreateTmrQAck_p(0, 0, 500, 3, sendSvc_, 0, key_, recvSvc_, 0, 7000,
+                                             nullptr, nullptr, count_free, record_cb, &h));
+    ASSERT_EQ(0u, kt4SwpEnqueue(h, make_msg(130, 1), 130));
+    unsigned char buf[512];
+    int n = recv_within(recvKey_ | KT4_IPC_QUEUE_REQ, buf, sizeof buf, 2000);
+    ASSERT_EQ(130, n);
+    EXPECT_EQ(static_cast<uint32_t>(key_ | KT4_IPC_QUEUE_TMR),
+              kt4IpcHdrGet(buf, KT4_IPC_HDR_SRC_QID));
+    EXPECT_EQ(7000u, kt4IpcHdrGet(buf, KT4_IPC_HDR_MSG_TYPE));
+    EXPECT_EQ(130u, kt4IpcHdrGet(buf, KT4_IPC_HDR_LENGTH));
+    EXPECT_EQ(130u, load_word(buf + KT4_SWP_HDR_OFF + 4 * KT4_SWP_W_LENGTH));
+    EXPECT_EQ(static_cast<uint32_t>(sendSvc_),
+              load_word(buf + KT4_SWP_HDR_OFF + 4 * KT4_SWP_W_SEND_SVC));
+    kt4SwpSeqNo exp{0, 0};
+    EXPECT_EQ(KT4_SWP_SEQ_MATCH, kt4SwpCkSeqAndAck(recvKey_, buf, n, &exp, 1));
+    int a = recv_within(key_ | KT4_IPC_QUEUE_TMR, buf, sizeof buf, 2000);
+    ASSERT_EQ(KT4_SWP_ACK_LEN, a);
+    EXPECT_EQ(0u, kt4SwpProcMsg(buf, a));
+    EXPECT_EQ(1, g_freed.load());
+    std::string out = kt4test::stdout_of([&] { kt4SwpPrintq(h); });
+    EXPECT_NE(std::string::npos, out.find("use Tmrq for ack  = 1\n"));
+    EXPECT_NE(std::string::npos, out.find("Num Acks          = 1\n"));
+    EXPECT_EQ(0u, kt4SwpQueueRemove(h));
+}
+
+TEST_F(SwpLocal, IclQueueTravelsTheLinkCountsItDownAndTakesItsAcknowledgementsBack) {
+    const uint32_t addr = kt4IpcGetLocalCpuIpAddr();
+    const uint16_t portA = static_cast<uint16_t>(40000 + (getpid() % 10000)), portB = portA + 1;
+    kt4SwpIclUdp *near = kt4SwpIclUdpOpen(addr, portA, addr, portB);
+    kt4SwpIclUdp *far = kt4SwpIclUdpOpen(addr, portB, addr, portA);
+    ASSERT_NE(nullptr, near);
+    ASSERT_NE(nullptr, far);
+    kt4SwpIclRegister(kt4SwpIclUdpOps(), near);
+    static std::atomic<int> downs{0};
+    kt4SwpIclSetLinkCallback([](void *, int up) { downs += up == 0; }, nullptr);
+
+    uint32_t h = 0;
+    ASSERT_EQ(0u, kt4MwpIclQueueCreate(0, 0, 500, 5, sendSvc_, 0, key_, recvSvc_, 0, 7000, nullptr,
+                                       nullptr, count_free, record_cb, 2, &h));
+    auto icl_msg = [](uint32_t n) {
+        auto *m = static_cast<unsigned char *>(make_msg(140, n));
+        m[24] = 0;
+        m[25] = 28; // ICL header length; the SWP header follows it
+        return m;
+    };
+    ASSERT_EQ(0u, kt4SwpEnqueue(h, icl_msg(7), 140));
+    unsigned char pdu[2048];
+    int n = kt4SwpIclUdpRecv(far, pdu, sizeof pdu, 2000);
+    ASSERT_EQ(140, n);
+    EXPECT_EQ(h, load_word(pdu + 28));      // handle, word 0 after the ICL header
+    EXPECT_EQ(0u, load_word(pdu + 28 + 8)); // sequence 0.0
+    kt4SwpSeqNo exp{0, 0};
+    ASSERT_EQ(KT4_SWP_SEQ_MATCH, kt4SwpCkSeqNo(pdu, n, &exp));
+    // The acknowledgement goes out over the (only) registered link and is handed back here.
+    ASSERT_EQ(0u, kt4SwpReceiverAck(-1, pdu, n, &exp, 0));
+    unsigned char ack[256];
+    int a = kt4SwpIclUdpRecv(far, ack, sizeof ack, 2000);
+    ASSERT_EQ(KT4_SWP_ACK_LEN, a);
+    EXPECT_EQ(28u, static_cast<unsigned>(ack[24] << 8 | ack[25]));
+    EXPECT_EQ(0u, kt4SwpProcAck(ack, a));
+    EXPECT_EQ(1, g_freed.load());
+
+    // Link down: the message is held, the failure counted; acknowledging fails with 11.
+    kt4SwpIclUdpSetLink(near, 0);
+    EXPECT_EQ(1, downs.load());
+    ASSERT_EQ(0u, kt4SwpEnqueue(h, icl_msg(8), 140));
+    kt4SwpQueueStatus s{};
+    ASSERT_EQ(0u, kt4SwpGetQueueStatus(h, &s));
+    EXPECT_EQ(1u, s.iclSendFails);
+    EXPECT_EQ(1u, s.curLen);
+    EXPECT_EQ(KT4_SWP_FAILURE_SEND_RECEIVER, kt4SwpReceiverAck(-1, pdu, n, &exp, 0));
+    // Back up: the timer's event (made here rather than waited for) resends it.
+    kt4SwpIclUdpSetLink(near, 1);
+    unsigned char ev[KT4_SWP_TMR_LEN] = {};
+    store_word(ev + KT4_SWP_TMR_HANDLE, h);
+    store_word(ev + KT4_SWP_TMR_SEQ + 4, 1); // head 0.1
+    EXPECT_EQ(0u, kt4SwpTimeout(ev, sizeof ev));
+    n = kt4SwpIclUdpRecv(far, pdu, sizeof pdu, 2000);
+    ASSERT_EQ(140, n);
+    EXPECT_EQ(1u, load_word(pdu + 28 + 8));
+    ASSERT_EQ(0u, kt4SwpGetQueueStatus(h, &s));
+    EXPECT_EQ(1u, s.retrans);
+    EXPECT_EQ(1u, s.timeouts);
+    // An event the queue no longer expects (the head went, nothing is pending).
+    ASSERT_EQ(KT4_SWP_SEQ_MATCH, kt4SwpCkSeqNo(pdu, n, &exp));
+    ASSERT_EQ(0u, kt4SwpReceiverAck(-1, pdu, n, &exp, 0));
+    a = kt4SwpIclUdpRecv(far, ack, sizeof ack, 2000);
+    EXPECT_EQ(0u, kt4SwpProcAck(ack, a));
+    EXPECT_EQ(KT4_SWP_FAILURE_NO_TIMEOUTS, kt4SwpTimeout(ev, sizeof ev));
+
+    EXPECT_EQ(0u, kt4SwpQueueRemove(h));
+    EXPECT_EQ(KT4_SWP_FAILURE, kt4SwpProcAck(ack, a)); // for a removed queue: dropped
+    kt4SwpIclUdpClose(far);
+    kt4SwpIclUdpClose(near);
+    kt4SwpIclSetLinkCallback(nullptr, nullptr);
+}
+
+} // namespace

@@ -1,0 +1,163 @@
+// The card of the queue tests, and the two ends of a queue: the sender (this process, which
+// runs the timer task) and a receiver (a forked child, or an endpoint of this process).
+#pragma once
+
+#include "support/kt4_support.h"
+#include "support/kt4_test_env.h"
+
+#include <kt4/hostsim.h>
+#include <kt4/ipc.h>
+#include <kt4/swp.h>
+#include <kt4/vx2bsd.h>
+
+#include <gtest/gtest.h>
+#include <poll.h>
+
+#include <atomic>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <vector>
+
+namespace swptest {
+
+inline void card_up() {
+    static bool up = [] {
+        kt4test::Card &card = kt4test::Card::get();
+        const kt4test::CardIdentity id = kt4test::card_identity();
+        setenv("KT4_CHASSIS_ID", std::to_string(id.chassis).c_str(), 1);
+        setenv("KT4_SLOT", std::to_string(id.slot).c_str(), 1);
+        unsetenv("KT4_PLATFORM_TYPE");
+        kt4CardReload();
+        return card.up() && kt4VxToBsdInit(1, 1) == OK;
+    }();
+    ASSERT_TRUE(up);
+}
+
+// A service no other test of this process uses.
+inline int fresh_service() {
+    static std::atomic<int> next{60};
+    return next.fetch_add(1);
+}
+
+// Buffers the queue frees: counted, so a test sees what went back.
+inline std::atomic<int> g_freed{0};
+inline void count_free(void *p) {
+    ++g_freed;
+    std::free(p);
+}
+inline std::atomic<int> g_cb_status{-1};
+inline std::atomic<void *> g_cb_buffer{nullptr};
+inline void record_cb(void *buf, uint32_t status) {
+    g_cb_buffer = buf;
+    g_cb_status = static_cast<int>(status);
+}
+
+// A message of len bytes (headers left to the queue) carrying n at the first payload word
+// (room for it is made behind a message of headers only).
+inline void *make_msg(uint32_t len, uint32_t n) {
+    auto *m = static_cast<unsigned char *>(std::calloc(1, len < 132 ? 132 : len));
+    m[KT4_SWP_MSG_MIN] = static_cast<unsigned char>(n >> 24);
+    m[KT4_SWP_MSG_MIN + 1] = static_cast<unsigned char>(n >> 16);
+    m[KT4_SWP_MSG_MIN + 2] = static_cast<unsigned char>(n >> 8);
+    m[KT4_SWP_MSG_MIN + 3] = static_cast<unsigned char>(n);
+    return m;
+}
+inline uint32_t payload_of(const void *msg) {
+    auto *m = static_cast<const unsigned char *>(msg) + KT4_SWP_MSG_MIN;
+    return uint32_t{m[0]} << 24 | uint32_t{m[1]} << 16 | uint32_t{m[2]} << 8 | m[3];
+}
+inline uint64_t seq_of(const void *msg) {
+    auto *m = static_cast<const unsigned char *>(msg) + KT4_SWP_HDR_OFF + 4;
+    uint64_t v = 0;
+    for (int i = 0; i < 8; ++i)
+        v = v << 8 | m[i];
+    return v;
+}
+
+inline uint32_t load_word(const unsigned char *p) {
+    return uint32_t{p[0]} << 24 | uint32_t{p[1]} << 16 | uint32_t{p[2]} << 8 | p[3];
+}
+inline void store_word(unsigned char *p, uint32_t v) {
+    for (int i = 3; i >= 0; --i, v >>= 8)
+        p[i] = static_cast<unsigned char>(v);
+}
+
+// One message from queue qid within ms: its length, or 0.
+inline int recv_within(int qid, void *buf, int size, int ms) {
+    pollfd p{Key_getSocketFd(qid), POLLIN, 0};
+    if (p.fd < 0 || poll(&p, 1, ms) <= 0) return 0;
+    int n = kt4IpcRecv(qid, buf, size, 1, 0, 0);
+    return n > 0 ? n : 0;
+}
+
+// Hands every control message arriving on the sender's queue to the queue until done()
+// holds or ms pass; the last value of done().
+template <typename Done> bool pump(int ackQid, Done done, int ms = 10000) {
+    unsigned char buf[2048];
+    const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
+    while (!done()) {
+        if (std::chrono::steady_clock::now() >= end) return done();
+        int n = recv_within(ackQid, buf, sizeof buf, 5);
+        if (n > 0) kt4SwpProcMsg(buf, n);
+    }
+    return true;
+}
+
+// A forked receiver: opens (svc, 0), says so on a pipe, runs body(key), and reports a line of
+// text back through the pipe when it ends.
+class Child {
+  public:
+    Child(int svc, std::function<std::string(int key)> body) {
+        int p[2];
+        if (pipe(p) != 0) return;
+        std::fflush(nullptr);
+        pid_ = fork();
+        if (pid_ == 0) {
+            close(p[0]);
+            int key = kt4IpcOpen(svc, 0);
+            char c = key > 0 ? 'y' : 'n';
+            if (write(p[1], &c, 1) != 1 || key <= 0) _exit(2);
+            std::string out = body(key) + "\n";
+            if (write(p[1], out.data(), out.size()) < 0) _exit(3);
+            kt4IpcClose(key);
+            _exit(0);
+        }
+        close(p[1]);
+        fd_ = p[0];
+        char c = 0;
+        ready_ = read(fd_, &c, 1) == 1 && c == 'y';
+    }
+    ~Child() {
+        if (fd_ >= 0) close(fd_);
+        if (pid_ > 0) {
+            kill(pid_, SIGKILL);
+            waitpid(pid_, nullptr, 0);
+        }
+    }
+    bool ready() const { return ready_; }
+    // What the child reported (waits at most seconds), and collects it.
+    std::string result(int seconds = 60) {
+        std::string out;
+        pollfd p{fd_, POLLIN, 0};
+        const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
+        while (std::chrono::steady_clock::now() < end && poll(&p, 1, 100) >= 0) {
+            if (!(p.revents & (POLLIN | POLLHUP))) continue;
+            char buf[4096];
+            ssize_t n = read(fd_, buf, sizeof buf);
+            if (n <= 0) break;
+            out.append(buf, static_cast<size_t>(n));
+            if (!out.empty() && out.back() == '\n') break;
+        }
+        int st = 0;
+        if (waitpid(pid_, &st, 0) == pid_) pid_ = -1;
+        return out;
+    }
+
+  private:
+    pid_t pid_ = -1;
+    int fd_ = -1;
+    bool ready_ = false;
+};
+
+} // namespace swptest
