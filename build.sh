@@ -48,7 +48,8 @@ case "${1:-}" in
 demo)
     need_packages
     build_normal
-    exec build/normal/examples/kt4demo
+    shift
+    exec build/normal/examples/card/kt4democard "$@"
     ;;
 test)
     need_packages
