@@ -314,10 +314,16 @@ bool Card::start(Proc &p, const std::string &program, const std::string &args) {
 }
 
 // Bounded: until the process's task is in the card's task table, or the process ended.
+// Its endpoint must be open too (the look-up finds it), so that what is sent to it next is
+// taken: a task is in the table from its creation, before it has opened its endpoint.
 bool Card::await_registered(Proc &p) {
     const int key = kt4GetTaskKeyFromServiceAndInst(p.service, p.instance);
-    for (int i = 0; i < 1000; ++i) {
-        if (kt4ProcIdByKey(key) == p.pid) return true;
+    for (int i = 0; i < 3000; ++i) {
+        int found = -1;
+        if (kt4ProcIdByKey(key) == p.pid &&
+            kt4_tmeGetPeerIpAddrByName(p.service, p.instance, &found) != 0xFFFFFFFFu &&
+            found == KT4_TME_PEER_FOUND)
+            return true;
         int st = 0;
         if (waitpid(p.pid, &st, WNOHANG) == p.pid) {
             p.done = true;
@@ -329,7 +335,7 @@ bool Card::await_registered(Proc &p) {
         }
         usleep(10000);
     }
-    return fail_proc(p, "starting", "its task did not register on the card within 10 s");
+    return fail_proc(p, "starting", "its task did not open its endpoint on the card within 30 s");
 }
 
 // Configuration: the demo's settings written through cfgd, then read back by a get-next walk.

@@ -9,6 +9,7 @@
 #include "services/evtlogd/receiver.h"
 
 #include <kt4/evt.h>
+#include <kt4/hostsim.h>
 #include <kt4/ipc.h>
 #include <kt4/platform.h>
 #include <kt4/tme.h>
@@ -196,6 +197,7 @@ std::atomic<bool> g_stop{false};
 struct Endpoint {
     const char *task;
     int service;
+    int instance = 0;
     Receiver *rx = nullptr;
     kt4SemId started = 0;
     kt4SemId done = 0;
@@ -207,7 +209,22 @@ Endpoint g_endpoints[] = {
     {"tEvtLog", KT4_EVT_LOG_SERVICE},
     {"tEvtAudit", KT4_EVT_AUDIT_SERVICE},
     {"tEvtHandler", KT4_EVT_HANDLER_SERVICE},
+    // The event-log agent's endpoint, where a card's processes send the registrations of their
+    // keys when the card is CPU 1, 2 or 6 (instance 1, 2, 1); unused (service 0) on other CPUs.
+    {"tEvtLogAgt", KT4_EVT_LOGAGT_SERVICE},
 };
+
+// The agent's instance on this card's CPU, or 0 (no agent endpoint) on a CPU that sends its
+// registrations to the event-log server itself.
+void place_agent(Endpoint &ep) {
+    const int cpu = kt4CardCpu();
+    if (cpu == 1 || cpu == 6)
+        ep.instance = 1;
+    else if (cpu == 2)
+        ep.instance = 2;
+    else
+        ep.service = 0;
+}
 
 int endpoint_task(kt4_arg_t arg, kt4_arg_t keyArg, kt4_arg_t, kt4_arg_t, kt4_arg_t, kt4_arg_t,
                   kt4_arg_t, kt4_arg_t, kt4_arg_t, kt4_arg_t) {
@@ -392,7 +409,9 @@ int main(int argc, char **argv) {
     Receiver rx([&log](std::string_view line) { log.write(line); },
                 Receiver::Options{cfg.chunkTimeoutMs, 16, 1024});
     bool ok = true;
+    place_agent(g_endpoints[3]);
     for (Endpoint &ep : g_endpoints) {
+        if (ep.service == 0) continue;
         ep.rx = &rx;
         ep.started = semBCreate(KT4_SEM_Q_FIFO, KT4_SEM_EMPTY);
         ep.done = semBCreate(KT4_SEM_Q_FIFO, KT4_SEM_EMPTY);
@@ -406,13 +425,13 @@ int main(int argc, char **argv) {
         }
         // By hand there is no registered parent to wait for (parent pid 0).
         int tid = cfg.underCard
-                      ? kt4_taskSpawn(ep.task, kTaskPriority, 0, 0, endpoint_task, ep.service, 0,
-                                      reinterpret_cast<kt4_arg_t>(&ep))
-                      : kt4_taskSpawnP(ep.task, kTaskPriority, 0, 0, endpoint_task, ep.service, 0,
-                                       reinterpret_cast<kt4_arg_t>(&ep), 0);
+                      ? kt4_taskSpawn(ep.task, kTaskPriority, 0, 0, endpoint_task, ep.service,
+                                      ep.instance, reinterpret_cast<kt4_arg_t>(&ep))
+                      : kt4_taskSpawnP(ep.task, kTaskPriority, 0, 0, endpoint_task, ep.service,
+                                       ep.instance, reinterpret_cast<kt4_arg_t>(&ep), 0);
         if (tid == -1) {
-            std::fprintf(stderr, "evtlogd: cannot start the task of service %d instance 0: %s\n",
-                         ep.service, kt4ErrnoText(errno));
+            std::fprintf(stderr, "evtlogd: cannot start the task of service %d instance %d: %s\n",
+                         ep.service, ep.instance, kt4ErrnoText(errno));
             semDelete(ep.started);
             semDelete(ep.done);
             ep.started = ep.done = 0;
@@ -421,8 +440,8 @@ int main(int argc, char **argv) {
         }
         semTake(ep.started, WAIT_FOREVER);
         if (!ep.open.load()) {
-            std::fprintf(stderr, "evtlogd: cannot open the endpoint of service %d instance 0: %s\n",
-                         ep.service, kt4ErrnoText(ep.err.load()));
+            std::fprintf(stderr, "evtlogd: cannot open the endpoint of service %d instance %d: %s\n",
+                         ep.service, ep.instance, kt4ErrnoText(ep.err.load()));
             ok = false;
             break;
         }

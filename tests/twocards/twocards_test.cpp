@@ -75,8 +75,20 @@ uint32_t card_addr(int slot) {
 
 bool start_tmed(int i) {
     auto &c = g_card[i];
-    c.tmed = std::make_unique<Process>(card_cmd(i, {"run", "--service", "13", "--", KT4_TMED}));
-    if (!c.tmed->wait_for("serving look-ups", 20)) return false;
+    // A port still held by a process of an earlier run (a server on its way out) is waited
+    // for a few seconds, naming its holder, rather than failing the test at once.
+    for (int attempt = 0;; ++attempt) {
+        c.tmed = std::make_unique<Process>(card_cmd(i, {"run", "--service", "13", "--", KT4_TMED}));
+        if (c.tmed->wait_for("serving look-ups", 20)) break;
+        c.tmed->finish(5);
+        if (attempt == 4 || c.tmed->text().find("Address already in use") == std::string::npos)
+            return false;
+        std::fprintf(stderr, "tmed's port is taken; its holders:\n");
+        std::fflush(stderr);
+        if (std::system("ss -uanp 'sport = :1665' >&2") != 0) {
+        }
+        sleep(1);
+    }
     const std::string &t = c.tmed->text();
     const size_t at = t.find("(pid ", t.find("serving look-ups"));
     c.tmedPid = at != std::string::npos ? std::atoi(t.c_str() + at + 5) : -1;
