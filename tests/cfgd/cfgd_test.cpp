@@ -5,11 +5,13 @@
 #include <kt4/ipc.h>
 #include <kt4/tme.h>
 
+#include "common/kt4_be.h"
 #include "support/kt4_test_env.h"
 
 #include <gtest/gtest.h>
 
 #include <signal.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cstring>
@@ -26,16 +28,9 @@ using kt4test::Card;
 using kt4test::Process;
 constexpr int kClient = 200;
 
-void put32(unsigned char *p, uint32_t v) {
-    for (int i = 0; i < 4; ++i)
-        p[i] = static_cast<unsigned char>(v >> (24 - 8 * i));
-}
-uint32_t get32(const unsigned char *p) {
-    return uint32_t{p[0]} << 24 | uint32_t{p[1]} << 16 | uint32_t{p[2]} << 8 | p[3];
-}
 std::string be(uint32_t v) {
     unsigned char b[4];
-    put32(b, v);
+    kt4::store_be32(b, v);
     return std::string(reinterpret_cast<char *>(b), 4);
 }
 
@@ -55,9 +50,9 @@ std::string key_of(const kt4CfgRecord &r) {
 // A change body as the daemon reads it, for requests made by hand.
 Bytes change_body(uint32_t context, const std::string &key, const std::string &line) {
     Bytes b(16 + key.size() + line.size() + 1 + 4);
-    put32(&b[0], context);
-    put32(&b[8], static_cast<uint32_t>(key.size()));
-    put32(&b[12], static_cast<uint32_t>(line.size()));
+    kt4::store_be32(&b[0], context);
+    kt4::store_be32(&b[8], static_cast<uint32_t>(key.size()));
+    kt4::store_be32(&b[12], static_cast<uint32_t>(line.size()));
     std::memcpy(&b[16], key.data(), key.size());
     std::memcpy(&b[16 + key.size()], line.c_str(), line.size() + 1);
     return b;
@@ -71,6 +66,11 @@ class Cfgd : public ::testing::Test {
         ASSERT_GT(client, 0);
     }
     void SetUp() override {
+        // Every test starts from empty databases, also when one process runs them all.
+        for (const char *f : {"cfgd.db", "cfgsync.db", "fresh.db", "other.db", "bad.db",
+                              "cfgd-config.txt", "cfgd-sync-config.txt"})
+            for (const char *tail : {"", "-wal", "-shm", "-journal"}) // a log left beside a
+                unlink((db(f) + tail).c_str());                        // database replays into it
         daemon_ = start({"--db", db("cfgd.db")});
         sync_ = start({"--sync"});
     }
@@ -109,10 +109,10 @@ class Cfgd : public ::testing::Test {
         kt4IpcHdrSet(msg.data(), KT4_IPC_HDR_TRANSACTION, reply);
         kt4IpcHdrSet(msg.data(), KT4_IPC_HDR_TGT_ADDR, kt4IpcGetLocalCpuIpAddr());
         kt4IpcHdrSet(msg.data(), KT4_IPC_HDR_TGT_QID, kt4_getQueueId(KT4_CFG_SERVICE, 0, 1));
-        put32(&msg[60], command);
+        kt4::store_be32(&msg[60], command);
         const int n =
             kt4IpcSendWait(client, msg.data(), static_cast<int>(msg.size()), 10, msgType, reply);
-        return n < 68 ? -1 : static_cast<int>(get32(&msg[64]));
+        return n < 68 ? -1 : static_cast<int>(kt4::load_be32(&msg[64]));
     }
 
     static inline int client = 0;
@@ -205,7 +205,7 @@ TEST_F(Cfgd, SavesAndLoadsBack) {
     ASSERT_EQ(kt4CfgSave(client, &name), 0);
     Bytes bad(80 + 552);
     std::strcpy(reinterpret_cast<char *>(&bad[80 + 268]), "../escape");
-    put32(&bad[76], 552);
+    kt4::store_be32(&bad[76], 552);
     kt4IpcHdrSet(bad.data(), KT4_IPC_HDR_LENGTH, 80 + 552);
     EXPECT_EQ(ask(bad, 106), KT4_CFG_ST_REFUSED);
 
@@ -242,21 +242,21 @@ TEST_F(Cfgd, MalformedRequestsGetAnErrorStatusOrAreCountedAndDropped) {
     auto request = [](size_t bodyLen) {
         Bytes m(80 + bodyLen);
         kt4IpcHdrSet(m.data(), KT4_IPC_HDR_LENGTH, static_cast<uint32_t>(m.size()));
-        put32(&m[76], static_cast<uint32_t>(bodyLen));
+        kt4::store_be32(&m[76], static_cast<uint32_t>(bodyLen));
         return m;
     };
     Bytes m = request(552);
-    put32(&m[76], 551); // the body length and the message disagree
+    kt4::store_be32(&m[76], 551); // the body length and the message disagree
     EXPECT_EQ(ask(m, 105), KT4_CFG_ST_MALFORMED);
     m = request(552);
     EXPECT_EQ(ask(m, 999), KT4_CFG_ST_UNKNOWN_CMD);
     m = request(100);
     EXPECT_EQ(ask(m, 105), KT4_CFG_ST_MALFORMED); // a record is 552 bytes
     m = request(552);
-    put32(&m[80 + 264], 0x7FFFFFFF); // key length
+    kt4::store_be32(&m[80 + 264], 0x7FFFFFFF); // key length
     EXPECT_EQ(ask(m, 124), KT4_CFG_ST_MALFORMED);
     Bytes body = change_body(1, "k", "line");
-    put32(&body[12], 5000); // a line longer than the body
+    kt4::store_be32(&body[12], 5000); // a line longer than the body
     m = request(body.size());
     std::copy(body.begin(), body.end(), m.begin() + 80);
     EXPECT_EQ(ask(m, 100), KT4_CFG_ST_MALFORMED);
@@ -280,11 +280,11 @@ TEST_F(Cfgd, MalformedRequestsGetAnErrorStatusOrAreCountedAndDropped) {
     ASSERT_EQ(kt4CfgBndlAdd(&b, 100, &good), 0);
     const uint32_t second = b.len;
     ASSERT_EQ(kt4CfgBndlAdd(&b, 100, &good), 0);
-    put32(&b.data[second], 105);
+    kt4::store_be32(&b.data[second], 105);
     int status = -1;
     ASSERT_GT(cfgIpcSendWait(client, 132, b.data, static_cast<int>(b.len), &status), 0);
     EXPECT_EQ(status, KT4_CFG_ST_MALFORMED);
-    put32(&b.data[second], 102);
+    kt4::store_be32(&b.data[second], 102);
     ASSERT_GT(cfgIpcSendWait(client, 132, b.data, static_cast<int>(b.len), &status), 0);
     EXPECT_EQ(status, KT4_CFG_ST_OK);
     EXPECT_EQ(kt4CfgGetExact(client, &good), KT4_CFG_ST_NOT_FOUND); // inserted, then removed
@@ -294,7 +294,7 @@ TEST_F(Cfgd, MalformedRequestsGetAnErrorStatusOrAreCountedAndDropped) {
     kt4IpcHdrSet(m.data(), KT4_IPC_HDR_TGT_ADDR, kt4IpcGetLocalCpuIpAddr());
     kt4IpcHdrSet(m.data(), KT4_IPC_HDR_TGT_QID, kt4_getQueueId(KT4_CFG_SERVICE, 0, 1));
     kt4IpcHdrSet(m.data(), KT4_IPC_HDR_MSG_TYPE, KT4_CFG_MSG_TYPE);
-    put32(&m[76], 99);
+    kt4::store_be32(&m[76], 99);
     ASSERT_GT(kt4IpcSend(Key_getReqQueue(client), m.data(), static_cast<int>(m.size())), 0);
     uint32_t lines = 7;
     EXPECT_EQ(kt4CfgGetDBNumberOfLines(client, &lines), KT4_CFG_ST_OK);
@@ -390,7 +390,7 @@ TEST_F(Cfgd, InterfaceStatusSizesPasswordsAndSyncs) {
     EXPECT_EQ(size.keyBytes, 4u * 5 + 2);
     EXPECT_GT(size.dbBytes, 0u);
     unsigned char word[4];
-    put32(word, KT4_CFG_PASSWORD_SERVICE_ID);
+    kt4::store_be32(word, KT4_CFG_PASSWORD_SERVICE_ID);
     int status = -1;
     ASSERT_GT(cfgIpcSendWait(client, KT4_CFG_CMD_CHECK_PASSWORD, word, 4, &status), 0);
     EXPECT_EQ(status, KT4_CFG_ST_OK);

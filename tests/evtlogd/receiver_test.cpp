@@ -1,5 +1,6 @@
 // The event-log server's parser, reassembly and log file, on records crafted byte by byte.
 #include "evtlogd/records.h"
+#include "support/kt4_support.h"
 
 #include "services/evtlogd/logfile.h"
 #include "services/evtlogd/receiver.h"
@@ -9,11 +10,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <fstream>
-#include <sstream>
-
 namespace {
 
+using kt4test::slurp;
 using namespace evtlogdtest;
 using kt4::evtlogd::Counters;
 using kt4::evtlogd::LogFile;
@@ -224,13 +223,6 @@ TEST(EvtlogdLines, EveryKindIsOneEscapedLine) {
     const Counters c = r.rx.counters();
     EXPECT_EQ(c.registrations + c.audits + c.notifications + c.subscriptions + c.records, 6u);
     EXPECT_EQ(c.messages, 6u);
-}
-
-std::string slurp(const std::string &path) {
-    std::ifstream f(path);
-    std::stringstream ss;
-    ss << f.rdbuf();
-    return ss.str();
 }
 
 TEST(EvtlogdLogFile, RotatesBySizeAndKeepsTheNewestFiles) {

@@ -23,28 +23,15 @@
 #include <unistd.h>
 
 #include <chrono>
-#include <fstream>
-#include <sstream>
 #include <thread>
 
 namespace {
 
+using kt4test::slurp;
 using namespace evtlogdtest;
 
-std::string slurp(const std::string &path) {
-    std::ifstream f(path);
-    std::stringstream ss;
-    ss << f.rdbuf();
-    return ss.str();
-}
-
-// Polls pred every 20 ms for at most ms milliseconds; its last value.
 template <typename Pred> bool eventually(Pred pred, int ms = 10000) {
-    for (auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);;) {
-        if (pred()) return true;
-        if (std::chrono::steady_clock::now() >= end) return pred();
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
+    return kt4test::eventually(pred, ms);
 }
 
 // This process's card: its own directory, keys, chassis and slot (so its own addresses), and

@@ -12,20 +12,13 @@
 #include <sys/stat.h>
 
 #include <fstream>
-#include <sstream>
 
 namespace {
 
+using kt4test::slurp;
 using kt4test::run_helper;
 
 const std::string kBytes = std::to_string(kt4test::kAreaBytes);
-
-std::string slurp(const std::string &path) {
-    std::ifstream f(path);
-    std::stringstream s;
-    s << f.rdbuf();
-    return s.str();
-}
 
 TEST(CardBringUp, ACreatorInAFreshIpcNamespaceNeverGetsLockIdZero) {
     // A fresh namespace hands out id 0 first; the lock table takes an id below 1 for missing.

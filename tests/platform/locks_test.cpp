@@ -108,45 +108,33 @@ TEST_F(ShmLocks, ThreeReadersThenAWriterThenAFourthReader) {
     EXPECT_EQ(3, rw_value(0));
 }
 
-TEST_F(ShmLocks, AWriterInOneProcessExcludesReadersOfAnother) {
-    ASSERT_EQ(OK, KT4_ShmWriteLock(1));
-    int fds[2];
-    ASSERT_EQ(0, pipe(fds));
-    pid_t child = kt4test::fork_child([&] {
-        KT4_ShmReadLock(1);
-        char c = 'r';
-        bool ok = write(fds[1], &c, 1) == 1;
-        KT4_ShmReadUnLock(1);
-        return ok;
-    });
-    pollfd pfd{fds[0], POLLIN, 0};
-    EXPECT_EQ(0, poll(&pfd, 1, static_cast<int>(kStillBlocked.count())))
-        << "the other process read while this one was writing";
-    EXPECT_EQ(0, KT4_ShmWriteUnLock(1));
-    EXPECT_EQ(1, poll(&pfd, 1, 2000));
-    EXPECT_EQ(0, kt4test::wait_child(child));
-    close(fds[0]);
-    close(fds[1]);
+TEST_F(ShmLocks, AHolderInOneProcessBlocksAnotherUntilItGives) {
+    // A writer here keeps a reader of another process out; so does a plain lock.
+    struct Case {
+        int (*take)(int), (*give)(int), (*otherTake)(int), (*otherGive)(int);
+        int n;
+    } cases[] = {{KT4_ShmWriteLock, KT4_ShmWriteUnLock, KT4_ShmReadLock, KT4_ShmReadUnLock, 1},
+                 {KT4_ShmLock, KT4_ShmUnLock, KT4_ShmLock, KT4_ShmUnLock, 7}};
+    for (const Case &c : cases) {
+        ASSERT_EQ(OK, c.take(c.n));
+        int fds[2];
+        ASSERT_EQ(0, pipe(fds));
+        pid_t child = kt4test::fork_child([&] {
+            c.otherTake(c.n);
+            char x = 'x';
+            bool ok = write(fds[1], &x, 1) == 1;
+            return c.otherGive(c.n) == 0 && ok;
+        });
+        pollfd pfd{fds[0], POLLIN, 0};
+        EXPECT_EQ(0, poll(&pfd, 1, static_cast<int>(kStillBlocked.count())))
+            << "lock " << c.n << " was taken by the other process while held here";
+        EXPECT_EQ(0, c.give(c.n));
+        EXPECT_EQ(1, poll(&pfd, 1, 2000));
+        EXPECT_EQ(0, kt4test::wait_child(child));
+        close(fds[0]);
+        close(fds[1]);
+    }
     EXPECT_EQ(3, rw_value(1));
-}
-
-TEST_F(ShmLocks, APlainLockHeldByOneProcessBlocksAnotherUntilGiven) {
-    ASSERT_EQ(OK, KT4_ShmLock(7));
-    int fds[2];
-    ASSERT_EQ(0, pipe(fds));
-    pid_t child = kt4test::fork_child([&] {
-        KT4_ShmLock(7);
-        char c = 'l';
-        bool ok = write(fds[1], &c, 1) == 1;
-        return KT4_ShmUnLock(7) == 0 && ok;
-    });
-    pollfd pfd{fds[0], POLLIN, 0};
-    EXPECT_EQ(0, poll(&pfd, 1, static_cast<int>(kStillBlocked.count())));
-    EXPECT_EQ(0, KT4_ShmUnLock(7));
-    EXPECT_EQ(1, poll(&pfd, 1, 2000));
-    EXPECT_EQ(0, kt4test::wait_child(child));
-    close(fds[0]);
-    close(fds[1]);
     EXPECT_EQ(1, plain_value(7));
 }
 

@@ -194,6 +194,18 @@ inline int count_of(const std::string &haystack, const std::string &needle) {
     return n;
 }
 
+// The whole content of a file ("" when it cannot be read).
+inline std::string slurp(const std::string &path) {
+    std::string out;
+    if (FILE *f = std::fopen(path.c_str(), "rb")) {
+        char buf[4096];
+        for (size_t n; (n = std::fread(buf, 1, sizeof buf, f)) > 0;)
+            out.append(buf, n);
+        std::fclose(f);
+    }
+    return out;
+}
+
 inline CaptureStdout::CaptureStdout() {
     std::fflush(stdout);
     char name[] = "/tmp/kt4out.XXXXXX";

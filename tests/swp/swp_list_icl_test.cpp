@@ -54,7 +54,7 @@ TEST_F(SwpLocal, ListAssignsLeastLoadedQueuesAndGroupFlushKeepsTheOtherGroupsInO
     // Payloads of list messages sit behind the group stamp.
     auto list_msg = [](uint32_t n) {
         auto *m = static_cast<unsigned char *>(make_msg(140, 0));
-        store_word(m + KT4_SWP_QLIST_MSG_MIN, n);
+        store_be32(m + KT4_SWP_QLIST_MSG_MIN, n);
         return m;
     };
     void *m = list_msg(99);
@@ -87,11 +87,11 @@ TEST_F(SwpLocal, ListAssignsLeastLoadedQueuesAndGroupFlushKeepsTheOtherGroupsInO
         [&] {
             int n = recv_within(recvKey_ | KT4_IPC_QUEUE_REQ, buf, sizeof buf, 5);
             if (n > 0 && kt4SwpQListCkSeqAndAck(recvKey_, buf, n, exp, 1) == KT4_SWP_SEQ_MATCH) {
-                uint32_t q = load_word(buf + KT4_SWP_QLIST_QIDX_OFF);
-                uint32_t g = load_word(buf + KT4_SWP_QLIST_GRP_OFF);
+                uint32_t q = load_be32(buf + KT4_SWP_QLIST_QIDX_OFF);
+                uint32_t g = load_be32(buf + KT4_SWP_QLIST_GRP_OFF);
                 EXPECT_EQ(h[g], l->queues[q].handle);
                 // The 136-byte message carries no payload: its length names it.
-                got[q & 1].push_back(n == 136 ? 99 : load_word(buf + KT4_SWP_QLIST_MSG_MIN));
+                got[q & 1].push_back(n == 136 ? 99 : load_be32(buf + KT4_SWP_QLIST_MSG_MIN));
             }
             int a = recv_within(key_ | KT4_IPC_QUEUE_RSP, buf, sizeof buf, 0);
             if (a > 0) kt4SwpProcMsg(buf, a);
@@ -175,9 +175,9 @@ TEST_F(SwpLocal, TimerQueueVariantTakesItsAcknowledgementsOnTheTimerQueue) {
               kt4IpcHdrGet(buf, KT4_IPC_HDR_SRC_QID));
     EXPECT_EQ(7000u, kt4IpcHdrGet(buf, KT4_IPC_HDR_MSG_TYPE));
     EXPECT_EQ(130u, kt4IpcHdrGet(buf, KT4_IPC_HDR_LENGTH));
-    EXPECT_EQ(130u, load_word(buf + KT4_SWP_HDR_OFF + 4 * KT4_SWP_W_LENGTH));
+    EXPECT_EQ(130u, load_be32(buf + KT4_SWP_HDR_OFF + 4 * KT4_SWP_W_LENGTH));
     EXPECT_EQ(static_cast<uint32_t>(sendSvc_),
-              load_word(buf + KT4_SWP_HDR_OFF + 4 * KT4_SWP_W_SEND_SVC));
+              load_be32(buf + KT4_SWP_HDR_OFF + 4 * KT4_SWP_W_SEND_SVC));
     kt4SwpSeqNo exp{0, 0};
     EXPECT_EQ(KT4_SWP_SEQ_MATCH, kt4SwpCkSeqAndAck(recvKey_, buf, n, &exp, 1));
     int a = recv_within(key_ | KT4_IPC_QUEUE_TMR, buf, sizeof buf, 2000);
@@ -198,7 +198,8 @@ TEST_F(SwpLocal, IclQueueTravelsTheLinkCountsItDownAndTakesItsAcknowledgementsBa
     ASSERT_NE(nullptr, near);
     ASSERT_NE(nullptr, far);
     kt4SwpIclRegister(kt4SwpIclUdpOps(), near);
-    static std::atomic<int> downs{0};
+    static std::atomic<int> downs;
+    downs = 0;
     kt4SwpIclSetLinkCallback([](void *, int up) { downs += up == 0; }, nullptr);
 
     uint32_t h = 0;
@@ -214,8 +215,8 @@ TEST_F(SwpLocal, IclQueueTravelsTheLinkCountsItDownAndTakesItsAcknowledgementsBa
     unsigned char pdu[2048];
     int n = kt4SwpIclUdpRecv(far, pdu, sizeof pdu, 2000);
     ASSERT_EQ(140, n);
-    EXPECT_EQ(h, load_word(pdu + 28));      // handle, word 0 after the ICL header
-    EXPECT_EQ(0u, load_word(pdu + 28 + 8)); // sequence 0.0
+    EXPECT_EQ(h, load_be32(pdu + 28));      // handle, word 0 after the ICL header
+    EXPECT_EQ(0u, load_be32(pdu + 28 + 8)); // sequence 0.0
     kt4SwpSeqNo exp{0, 0};
     ASSERT_EQ(KT4_SWP_SEQ_MATCH, kt4SwpCkSeqNo(pdu, n, &exp));
     // The acknowledgement goes out over the (only) registered link and is handed back here.
@@ -239,12 +240,12 @@ TEST_F(SwpLocal, IclQueueTravelsTheLinkCountsItDownAndTakesItsAcknowledgementsBa
     // Back up: the timer's event (made here rather than waited for) resends it.
     kt4SwpIclUdpSetLink(near, 1);
     unsigned char ev[KT4_SWP_TMR_LEN] = {};
-    store_word(ev + KT4_SWP_TMR_HANDLE, h);
-    store_word(ev + KT4_SWP_TMR_SEQ + 4, 1); // head 0.1
+    store_be32(ev + KT4_SWP_TMR_HANDLE, h);
+    store_be32(ev + KT4_SWP_TMR_SEQ + 4, 1); // head 0.1
     EXPECT_EQ(0u, kt4SwpTimeout(ev, sizeof ev));
     n = kt4SwpIclUdpRecv(far, pdu, sizeof pdu, 2000);
     ASSERT_EQ(140, n);
-    EXPECT_EQ(1u, load_word(pdu + 28 + 8));
+    EXPECT_EQ(1u, load_be32(pdu + 28 + 8));
     ASSERT_EQ(0u, kt4SwpGetQueueStatus(h, &s));
     EXPECT_EQ(1u, s.retrans);
     EXPECT_EQ(1u, s.timeouts);

@@ -278,7 +278,7 @@ TEST_F(Swp, HandlesAreOneToNineHundredAndBadCallsAreRefused) {
     EXPECT_EQ(KT4_SWP_FAILURE, kt4SwpQueueGetLen(900, &len)); // released
 }
 
-TEST_F(Swp, ABlockOfADeadCreatorIsReclaimedAndTheDumpNamesEveryField) {
+TEST_F(Swp, ABlockOfADeadCreatorIsReclaimed) {
     local_receiver();
     int p[2];
     ASSERT_EQ(0, pipe(p));
@@ -302,16 +302,6 @@ TEST_F(Swp, ABlockOfADeadCreatorIsReclaimedAndTheDumpNamesEveryField) {
     std::free(m);
     EXPECT_GE(kt4SwpReclaimDead(), 1);
     EXPECT_EQ(KT4_SWP_FAILURE, kt4SwpQueueGetLen(theirs, &len));
-
-    ASSERT_EQ(0u, create(2));
-    std::string out = kt4test::stdout_of([&] { kt4SwpPrintq(h_); });
-    EXPECT_EQ(0u, out.find("+----- Queue control parameters and statistics -------+\n"));
-    for (const char *label :
-         {"maxLen            = 4294967295", "max mwp win size  = 2", "cur seq no        = 0.0",
-          "use Tmrq for ack  = 0", "ICL Enabled       = FALSE", "Memory Limit      = 52428800",
-          "ICL Send Fail Num = 0"})
-        EXPECT_NE(std::string::npos, out.find(label)) << label;
-    EXPECT_EQ(58, kt4test::count_of(out, "\n"));
 }
 
 } // namespace

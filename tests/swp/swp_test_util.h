@@ -2,6 +2,7 @@
 // runs the timer task) and a receiver (a forked child, or an endpoint of this process).
 #pragma once
 
+#include "common/kt4_be.h"
 #include "support/kt4_support.h"
 #include "support/kt4_test_env.h"
 
@@ -57,31 +58,18 @@ inline void record_cb(void *buf, uint32_t status) {
 // (room for it is made behind a message of headers only).
 inline void *make_msg(uint32_t len, uint32_t n) {
     auto *m = static_cast<unsigned char *>(std::calloc(1, len < 132 ? 132 : len));
-    m[KT4_SWP_MSG_MIN] = static_cast<unsigned char>(n >> 24);
-    m[KT4_SWP_MSG_MIN + 1] = static_cast<unsigned char>(n >> 16);
-    m[KT4_SWP_MSG_MIN + 2] = static_cast<unsigned char>(n >> 8);
-    m[KT4_SWP_MSG_MIN + 3] = static_cast<unsigned char>(n);
+    kt4::store_be32(m + KT4_SWP_MSG_MIN, n);
     return m;
 }
 inline uint32_t payload_of(const void *msg) {
-    auto *m = static_cast<const unsigned char *>(msg) + KT4_SWP_MSG_MIN;
-    return uint32_t{m[0]} << 24 | uint32_t{m[1]} << 16 | uint32_t{m[2]} << 8 | m[3];
+    return kt4::load_be32(static_cast<const unsigned char *>(msg) + KT4_SWP_MSG_MIN);
 }
 inline uint64_t seq_of(const void *msg) {
-    auto *m = static_cast<const unsigned char *>(msg) + KT4_SWP_HDR_OFF + 4;
-    uint64_t v = 0;
-    for (int i = 0; i < 8; ++i)
-        v = v << 8 | m[i];
-    return v;
+    return kt4::load_be64(static_cast<const unsigned char *>(msg) + KT4_SWP_HDR_OFF + 4);
 }
 
-inline uint32_t load_word(const unsigned char *p) {
-    return uint32_t{p[0]} << 24 | uint32_t{p[1]} << 16 | uint32_t{p[2]} << 8 | p[3];
-}
-inline void store_word(unsigned char *p, uint32_t v) {
-    for (int i = 3; i >= 0; --i, v >>= 8)
-        p[i] = static_cast<unsigned char>(v);
-}
+using kt4::load_be32;
+using kt4::store_be32;
 
 // One message from queue qid within ms: its length, or 0.
 inline int recv_within(int qid, void *buf, int size, int ms) {

@@ -1,4 +1,4 @@
-// Cartwheel timers: bucket placement, firing order, the next-expiry count, free lists, dumps.
+// Cartwheel timers: bucket placement, firing order, the next-expiry count, free lists.
 #include "timer_test_util.h"
 
 #include <gtest/gtest.h>
@@ -170,33 +170,6 @@ TEST_F(Cartwheel, FreeListGrowsByTheExtension) {
     EXPECT_EQ(nullptr, kt4cwTimerInit(100, 1, 1, nullptr, nullptr, expiry, nullptr, 0, 64));
     EXPECT_EQ(nullptr, kt4cwTimerInit(8, 1, 1, nullptr, nullptr, nullptr, nullptr, 0, 64));
     EXPECT_EQ(nullptr, kt4cwTimerInit(8, 1, 1, nullptr, nullptr, expiry, nullptr, 0, 0));
-}
-
-TEST_F(Cartwheel, DumpTexts) {
-    EXPECT_EQ("tkt4cwTimerCB is NULL\r\n",
-              kt4test::stdout_of([] { kt4cwPrintTimerInfo(nullptr); }));
-    make(4, 2, 1);
-    Rec *a = get(7), *b = get(8);
-    for (int i = 0; i < 3; ++i)
-        kt4cwTimerTick(cw_);
-    kt4cwStartTimer(cw_, a, 2); // bucket 1: its predecessor is the array's second bucket
-    kt4cwStartTimer(cw_, b, 0); // bucket 3
-    char head[512];
-    std::snprintf(head, sizeof head,
-                  "TmrBuckets\t\t%p\r\nNumTmrBuckets\t4\r\nTmrCurrentBucket\t3\r\nTmrTicks\t\t3\r\n"
-                  "NumTimers\t\t2\r\nNumExtendTimers\t1\r\nTimerSize\t\t%ld\r\n",
-                  static_cast<void *>(static_cast<kt4cwTimerLink *>(a->link.prev) - 1),
-                  static_cast<long>(sizeof(Rec)));
-    const std::string dashes = std::string(51, '-') + "\r\n";
-    EXPECT_EQ(head + dashes + "BUCKET\t\t1\r\nrec 7\r\nBUCKET\t\t3\r\nrec 8\r\n",
-              kt4test::stdout_of([&] { kt4cwPrintOnlyTimerInfo(cw_); }));
-
-    kt4cwStopTimer(b);
-    kt4cwFreeTimer(cw_, b);
-    char free_line[64];
-    std::snprintf(free_line, sizeof free_line, "%p \r\n", static_cast<void *>(b));
-    EXPECT_EQ(head + dashes + "Free List:\r\n" + free_line + dashes + "BUCKET\t\t1\r\nrec 7\r\n",
-              kt4test::stdout_of([&] { kt4cwPrintTimerInfo(cw_); }));
 }
 
 } // namespace

@@ -89,25 +89,4 @@ TEST(TaskReady, SendsTheSeventyTwoByteMessageAndWaitsForTheManagersAcknowledgeme
     EXPECT_TRUE(tme.recv(50).empty());
 }
 
-TEST(TaskReady, ARegisteredManagerReceivesAndAcknowledgesIt) {
-    const int tmeInst = static_cast<int>(kt4_sysGetInstance());
-    const int key = kt4GetTaskKeyFromServiceAndInst(141, 0);
-    ASSERT_EQ(kt4IpcOpen(141, 0), key);
-    const int tmeKey = kt4IpcOpen(13, tmeInst);
-    ASSERT_NE(tmeKey, -1);
-
-    // The send waits for the manager's acknowledgement when delivery is guaranteed.
-    auto ready = std::async(std::launch::async, [key] { return kt4TaskReady(key); });
-    unsigned char buf[128] = {};
-    int n = kt4IpcRecv(Key_getReqQueue(tmeKey), buf, sizeof buf, 5, KT4_TASK_READY_MSG_TYPE, 0);
-    EXPECT_EQ(n, KT4_TASK_READY_MSG_LEN);
-    EXPECT_EQ(ready.get(), 0);
-    EXPECT_EQ(kt4IpcHdrGet(buf, KT4_IPC_HDR_SRC_QID), static_cast<uint32_t>(key | 2));
-    EXPECT_EQ(kt4IpcHdrGet(buf, KT4_IPC_HDR_APP2), 15u);
-    EXPECT_EQ(buf[71], 141);
-
-    kt4IpcClose(tmeKey);
-    kt4IpcClose(key);
-}
-
 } // namespace

@@ -135,12 +135,15 @@ class TwoCards : public ::testing::Test {
         // Identity c of the "card" pool is chassis c, slot 1; holding it gives this process
         // slots 0 and 1 of chassis c, since no other test process ever uses slot 0. Chassis 0
         // slot 0 is the card of programs started without an identity: not that one.
-        g_chassis = std::make_unique<Reservation>("card", 16, 1 + getpid() % 15);
+        // Kept for the whole process: a card's address, once formed, stays (--gtest_repeat).
+        if (!g_chassis) g_chassis = std::make_unique<Reservation>("card", 16, 1 + getpid() % 15);
         if (g_chassis->index() == 0) g_chassis = std::make_unique<Reservation>("card", 16, 1);
         for (int i = 0; i < 2; ++i) {
             auto &c = g_card[i];
             c.slot = i;
-            c.keys = std::make_unique<Reservation>("keys", kt4test::kKeyBands, getpid() + 7 * i);
+            if (!c.keys)
+                c.keys =
+                    std::make_unique<Reservation>("keys", kt4test::kKeyBands, getpid() + 7 * i);
             char dir[] = "/tmp/kt4twocards.XXXXXX";
             ASSERT_NE(mkdtemp(dir), nullptr);
             c.root = dir;

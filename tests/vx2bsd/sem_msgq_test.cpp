@@ -132,31 +132,6 @@ TEST_F(Semaphores, MutexRecursionOwnershipAndDeleteSafety) {
     semDelete(m);
 }
 
-TEST_F(Semaphores, FifoWaitersTakeTokensInArrivalOrder) {
-    Steps steps;
-    kt4SemId s = semBCreate(KT4_SEM_Q_FIFO, KT4_SEM_EMPTY);
-    std::vector<int> ids;
-    for (const char *name : {"tW1", "tW2", "tW3"}) {
-        int id = spawn(name, 100, [&steps, s, name] {
-            steps.add(std::string(name) + " waits");
-            semTake(s, WAIT_FOREVER);
-            steps.add(std::string(name) + " takes");
-        });
-        ASSERT_TRUE(eventually([&] { return pended(id); }));
-        ids.push_back(id);
-    }
-    for (size_t i = 0; i < ids.size(); ++i) {
-        semGive(s);
-        ASSERT_TRUE(steps.wait_size(4 + i));
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    EXPECT_EQ((std::vector<std::string>{"tW1 waits", "tW2 waits", "tW3 waits", "tW1 takes",
-                                        "tW2 takes", "tW3 takes"}),
-              steps.get());
-    EXPECT_TRUE(eventually([&] { return gone(ids[0]) && gone(ids[1]) && gone(ids[2]); }));
-    semDelete(s);
-}
-
 TEST_F(Semaphores, AWaiterThatTimesOutGivesUpItsTurn) {
     // First come, first served: the first waiter leaves at its time-out, and the token given
     // afterwards goes to the one behind it (which would otherwise re-look for ever).
@@ -217,9 +192,9 @@ void start_waiters(Waiters &w, kt4SemId s, int n) {
     }
 }
 
-TEST_F(Semaphores, FlushReleasesEveryWaiterBeforeItReturns) {
-    kt4SemId s = semBCreate(KT4_SEM_Q_FIFO, KT4_SEM_EMPTY);
-    Waiters w;
+TEST_F(Semaphores, FlushAndDeleteReleaseEveryWaiterBeforeTheyReturn) {
+    kt4SemId s = semCCreate(KT4_SEM_Q_PRIORITY, 0);
+    Waiters w, d;
     start_waiters(w, s, 3);
     ASSERT_EQ(OK, semFlush(s));
     for (int id : w.ids)
@@ -228,22 +203,15 @@ TEST_F(Semaphores, FlushReleasesEveryWaiterBeforeItReturns) {
     EXPECT_EQ((std::vector<std::string>{"OK", "OK", "OK"}), w.results.get());
     KT4_EXPECT_ERRNO(KT4_E_OBJ_UNAVAILABLE, ERROR, semTake(s, NO_WAIT)); // the count stayed 0
     EXPECT_EQ(OK, semFlush(s));                                          // nobody waiting
-    w.let_go();
-    EXPECT_TRUE(eventually([&] { return task_count() == kServiceTasks; }));
-    semDelete(s);
-}
-
-TEST_F(Semaphores, DeleteReleasesEveryWaiterWithAnError) {
-    kt4SemId s = semCCreate(KT4_SEM_Q_PRIORITY, 0);
-    Waiters w;
-    start_waiters(w, s, 3);
+    start_waiters(d, s, 3);
     ASSERT_EQ(OK, semDelete(s));
-    for (int id : w.ids)
+    for (int id : d.ids)
         EXPECT_TRUE(taskIsReady(id)) << id;
-    ASSERT_TRUE(w.results.wait_size(3));
+    ASSERT_TRUE(d.results.wait_size(3));
     std::string code = "ERROR " + std::to_string(KT4_E_OBJ_ID);
-    EXPECT_EQ((std::vector<std::string>{code, code, code}), w.results.get());
+    EXPECT_EQ((std::vector<std::string>{code, code, code}), d.results.get());
     w.let_go();
+    d.let_go();
     EXPECT_TRUE(eventually([&] { return task_count() == kServiceTasks; }));
 }
 

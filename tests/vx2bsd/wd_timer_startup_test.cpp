@@ -263,20 +263,4 @@ TEST_F(Startup, LiveCoreOnRequestWhileTheProcessRuns) {
     remove_dir(dir);
 }
 
-TEST_F(Startup, SchedulingModeFollowsThePrivilege) {
-    int policy = -1, prio = -1;
-    int t = spawn("tPolicy", 100, [&] {
-        sched_param p{};
-        pthread_getschedparam(pthread_self(), &policy, &p);
-        prio = p.sched_priority;
-    });
-    ASSERT_TRUE(eventually([&] { return gone(t); }));
-    if (no_rt()) {
-        EXPECT_EQ(SCHED_OTHER, policy);
-    } else {
-        EXPECT_EQ(SCHED_RR, policy);
-        EXPECT_EQ(1 + 154 * 98 / 255, prio);
-    }
-}
-
 } // namespace
