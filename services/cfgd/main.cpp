@@ -1,5 +1,6 @@
 // cfgd: the card's configuration daemon (see docs/cfgd.md and cfgd --help).
 #include "daemon.h"
+#include "services/join_card.h"
 
 #include <kt4/cfg.h>
 #include <kt4/ipc.h>
@@ -87,27 +88,6 @@ int dump(const std::string &path) {
     return ok ? 0 : 1;
 }
 
-// A process started by hand joins the card that $KT4_ROOT names: its shared memory (the size
-// of the existing file) and its locks.
-bool join_card(const char *prog) {
-    const char *file = kt4GetShmFileName(0);
-    struct stat st {};
-    if (file == nullptr || *file == '\0' || ::stat(file, &st) != 0) {
-        std::fprintf(stderr,
-                     "cfgd: the card is not up (%s: %s): bring it up with 'kt4card up', or "
-                     "start cfgd with 'kt4card run'\n",
-                     file != nullptr ? file : "?", std::strerror(errno));
-        return false;
-    }
-    std::string size = std::to_string(st.st_size);
-    std::string name = prog;
-    char *av[] = {name.data(), size.data(), nullptr};
-    if (KT4_ProcShmInit(2, av) != 0 || KT4_InitShmSem(0) != 0) {
-        std::fprintf(stderr, "cfgd: cannot join the card of %s\n", file);
-        return false;
-    }
-    return true;
-}
 
 } // namespace
 
@@ -158,7 +138,7 @@ int main(int argc, char **argv) {
             return 2;
         }
         KT4_NbsdpInit(argc, argv);
-    } else if (!join_card(argv[0])) {
+    } else if (!kt4::svc::join_card("cfgd", "kt4card run --service 15 -- cfgd")) {
         return 1;
     }
 

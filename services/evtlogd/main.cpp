@@ -6,6 +6,7 @@
 // Every record becomes one line of the log file (docs/evtlogd.md). The main thread keeps
 // house: the chunk time-out, the signals, the counters.
 #include "services/evtlogd/logfile.h"
+#include "services/join_card.h"
 #include "services/evtlogd/receiver.h"
 
 #include <kt4/evt.h>
@@ -274,32 +275,8 @@ bool join_card(const Config &cfg, int argc, char **argv) {
         KT4_NbsdpInit(argc, argv);
         return true;
     }
-    const char *file = kt4GetShmFileName(0);
-    struct stat st {};
-    if (file == nullptr || *file == '\0' || stat(file, &st) != 0) {
-        std::fprintf(stderr,
-                     "evtlogd: no card is up here: %s: %s\n"
-                     "evtlogd: bring it up first (kt4card up), with the same KT4_ROOT\n",
-                     file != nullptr && *file != '\0' ? file : "(shared memory file)",
-                     std::strerror(errno));
-        return false;
-    }
-    std::string size = std::to_string(static_cast<long long>(st.st_size));
+    if (!kt4::svc::join_card("evtlogd", "kt4card run --service 24 -- evtlogd")) return false;
     char arg0[] = "evtlogd";
-    char *args[] = {arg0, size.data(), nullptr};
-    if (KT4_ProcShmInit(2, args) != 0) {
-        std::fprintf(stderr, "evtlogd: cannot map the card's shared memory %s\n", file);
-        return false;
-    }
-    if (KT4_InitShmSem(0) != 0) {
-        std::fprintf(stderr,
-                     "evtlogd: the card's locks are missing (KT4_SYSV_KEY_OFFSET %s): is the "
-                     "card up?\n",
-                     std::getenv("KT4_SYSV_KEY_OFFSET") != nullptr
-                         ? std::getenv("KT4_SYSV_KEY_OFFSET")
-                         : "0");
-        return false;
-    }
     start_serv_process(arg0);
     if (kt4VxToBsdInit(1, 1) != OK) {
         std::fprintf(stderr, "evtlogd: the tasking layer did not start: %s\n", kt4ErrnoText(errno));

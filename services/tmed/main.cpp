@@ -1,5 +1,6 @@
 // tmed: the card's task manager service, which answers other cards' peer look-ups from this
 // card's task table (see docs/twocards.md and tmed --help).
+#include "services/join_card.h"
 #include "services/tmed/server.h"
 
 #include <kt4/hostsim.h>
@@ -44,27 +45,6 @@ void on_signal(int) {
     g_stop = 1;
 }
 
-// A process started by hand joins the card that $KT4_ROOT names: its shared memory (the size
-// of the existing file) and its locks.
-bool join_card(const char *prog) {
-    const char *file = kt4GetShmFileName(0);
-    struct stat st {};
-    if (file == nullptr || *file == '\0' || ::stat(file, &st) != 0) {
-        std::fprintf(stderr,
-                     "tmed: the card is not up (%s: %s): bring it up with 'kt4card up', or "
-                     "start tmed with 'kt4card run --service 13 -- tmed'\n",
-                     file != nullptr ? file : "?", std::strerror(errno));
-        return false;
-    }
-    std::string size = std::to_string(st.st_size);
-    std::string name = prog;
-    char *av[] = {name.data(), size.data(), nullptr};
-    if (KT4_ProcShmInit(2, av) != 0 || KT4_InitShmSem(0) != 0) {
-        std::fprintf(stderr, "tmed: cannot join the card of %s\n", file);
-        return false;
-    }
-    return true;
-}
 
 std::string dotted(uint32_t addr) {
     in_addr a{htonl(addr)};
@@ -102,7 +82,7 @@ int main(int argc, char **argv) {
             return 2;
         }
         KT4_NbsdpInit(argc, argv);
-    } else if (!join_card(argv[0])) {
+    } else if (!kt4::svc::join_card("tmed", "kt4card run --service 13 -- tmed")) {
         return 1;
     }
 

@@ -425,7 +425,7 @@ TEST(CfgdCommandLine, HelpDumpAndRefusals) {
     EXPECT_EQ(
         kt4test::run_program({KT4_CFGD, "--db", "/tmp/x.db"}, {{"KT4_ROOT", "/nonexistent"}}, &out),
         1);
-    EXPECT_NE(out.find("the card is not up"), std::string::npos) << out;
+    EXPECT_NE(out.find("cfgd: no card is up here"), std::string::npos) << out;
 }
 
 } // namespace
