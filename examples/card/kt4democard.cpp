@@ -54,7 +54,7 @@ using Clock = std::chrono::steady_clock;
 
 constexpr size_t kCardBytes = 16u << 20;
 constexpr int kCfgContext = 200; // the demo's own configuration context
-constexpr int kBands = 40;       // demo cards that can run at once: chassis 200 to 239
+constexpr int kBands = 40;       // demo cards that can run at once: 16 chassis ids x slots 21-23
 
 struct Options {
     double duration = 10;
@@ -241,13 +241,14 @@ bool Card::bring_up() {
     if (band < 0)
         return fail("card", "reserving a chassis",
                     "all " + std::to_string(kBands) + " demo identities are in use");
-    // Chassis 200 and up, and keys from 0x38000000 on, are clear of the test cards' and of
-    // kt4demo's.
-    const int chassis = 200 + band;
+    // A card's address takes the chassis id's low four bits and the slot: slots 21 to 23 are
+    // clear of the test cards (slots 0 to 20) and of kt4demo's, and so are keys from 0x38000000.
+    const int chassis = band % 16;
+    const int slot = 21 + band / 16;
     setenv("KT4_ROOT", root_.c_str(), 1);
     setenv("KT4_SYSV_KEY_OFFSET", std::to_string(0x38000000 + band * 2048).c_str(), 1);
     setenv("KT4_CHASSIS_ID", std::to_string(chassis).c_str(), 1);
-    setenv("KT4_SLOT", "1", 1);
+    setenv("KT4_SLOT", std::to_string(slot).c_str(), 1);
     setenv("KT4_CPU", "1", 1);
     kt4CardReload();
     std::string bytes = std::to_string(kCardBytes);
@@ -627,14 +628,14 @@ void Card::print_keep_help() {
         return p.empty() ? std::string(name) : p;
     };
     std::printf("\n[card] left running (--keep). Look at it from another shell:\n"
-                "  export KT4_ROOT=%s KT4_SYSV_KEY_OFFSET=%s KT4_CHASSIS_ID=%s KT4_SLOT=1\n"
+                "  export KT4_ROOT=%s KT4_SYSV_KEY_OFFSET=%s KT4_CHASSIS_ID=%s KT4_SLOT=%s\n"
                 "  %s status\n"
                 "  %s\n"
                 "  %s -r %s\n"
                 "  tail -f %s/evtlog.log\n"
                 "Take it down with Ctrl-C here, or: kill -TERM %d\n\n",
                 root_.c_str(), std::getenv("KT4_SYSV_KEY_OFFSET"), std::getenv("KT4_CHASSIS_ID"),
-                tool("kt4card").c_str(), tool("kt4ctl").c_str(), tool("kt4trace").c_str(),
+                std::getenv("KT4_SLOT"), tool("kt4card").c_str(), tool("kt4ctl").c_str(), tool("kt4trace").c_str(),
                 root_.c_str(), log_.c_str(), static_cast<int>(getpid()));
 }
 
