@@ -120,20 +120,20 @@ size_t format_args(char *out, size_t outLen, const char *format, const kt4EvtArg
             continue;
         }
         // The conversion again, with this formatter's own length modifier.
-        char spec[32];
+        char convFmt[32];
         size_t head = static_cast<size_t>(lenStart - p);
-        std::memcpy(spec, p, head);
+        std::memcpy(convFmt, p, head);
         char tmp[512];
         int w;
         const kt4EvtArg &a = args[used++];
         if (conv == 's') {
-            spec[head] = 's';
-            spec[head + 1] = '\0';
-            w = std::snprintf(tmp, sizeof tmp, spec, a.s != nullptr ? a.s : "(null)");
+            convFmt[head] = 's';
+            convFmt[head + 1] = '\0';
+            w = std::snprintf(tmp, sizeof tmp, convFmt, a.s != nullptr ? a.s : "(null)");
         } else if (conv == 'c') {
-            spec[head] = 'c';
-            spec[head + 1] = '\0';
-            w = std::snprintf(tmp, sizeof tmp, spec, static_cast<int>(a.i));
+            convFmt[head] = 'c';
+            convFmt[head + 1] = '\0';
+            w = std::snprintf(tmp, sizeof tmp, convFmt, static_cast<int>(a.i));
         } else {
             // The length modifier decides the width of the value, as printf would.
             const char *lm = lenStart;
@@ -148,13 +148,13 @@ size_t format_args(char *out, size_t outLen, const char *format, const kt4EvtArg
                 v = static_cast<int>(v); // (not one conditional: its type would be unsigned)
             else if (lmLen == 0)
                 v = static_cast<unsigned>(v);
-            spec[head] = 'l';
-            spec[head + 1] = 'l';
-            spec[head + 2] = conv;
-            spec[head + 3] = '\0';
+            convFmt[head] = 'l';
+            convFmt[head + 1] = 'l';
+            convFmt[head + 2] = conv;
+            convFmt[head + 3] = '\0';
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wformat-nonliteral"
-            w = std::snprintf(tmp, sizeof tmp, spec, v);
+            w = std::snprintf(tmp, sizeof tmp, convFmt, v);
 #pragma GCC diagnostic pop
         }
         if (w > 0)

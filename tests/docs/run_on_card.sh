@@ -37,9 +37,9 @@ cleanup() {
 trap cleanup EXIT
 
 "$card" up >"$work/up.out" 2>&1 || { cat "$work/up.out"; echo "run_on_card: kt4card up failed"; exit 1; }
-for spec in "$@"; do
-    IFS=, read -r -a server <<<"${spec#*=}"
-    "$card" run --service "${spec%%=*}" -- "${server[@]}" >"$work/server.${spec%%=*}.out" 2>&1 &
+for server_arg in "$@"; do
+    IFS=, read -r -a server <<<"${server_arg#*=}"
+    "$card" run --service "${server_arg%%=*}" -- "${server[@]}" >"$work/server.${server_arg%%=*}.out" 2>&1 &
     servers+=("$!")
 done
 timeout 60 "$card" run --service "$service" -- "$example" docs
