@@ -22,6 +22,10 @@ class TmeCard : public ::testing::Environment {
         const std::string helper = card.root() + "/" + kHelperName;
         ASSERT_EQ(symlink(kt4test::helper_path(), helper.c_str()), 0);
         ASSERT_TRUE(card.up());
+        // The card's task table and this process's address are made now, with the card's own
+        // identity: a case that changes the platform type for a while must not be the first.
+        kt4_sysGetIpAddr();
+        kt4IpcGetLocalCpuIpAddr();
         kt4VxToBsdInit(1, 1);
     }
 };
