@@ -274,9 +274,10 @@ bool Card::bring_up() {
         if (i != tmeInstance) launcher_ = kt4IpcOpen(KT4_TME_SERVICE, i);
     if (launcher_ == -1) return fail("card", "opening the launcher's endpoint", errno_text(errno));
     card_ = kt4IpcGetLocalCpuIpAddr();
-    // The relay's two addresses, next to the card's in 127/8.
-    viaA_ = (card_ & 0xFFFF0000u) | (200u << 8) | 1;
-    viaB_ = viaA_ + 1;
+    // The relay's two addresses, next to the card's in 127/8 and as much its own: the card's
+    // chassis and slot stay in them, so demo cards running side by side bind apart.
+    viaA_ = (card_ & 0xFFFF00FFu) | (200u << 8);
+    viaB_ = (card_ & 0xFFFF00FFu) | (201u << 8);
     std::printf("[card] up: product directory %s, slot %d, chassis %d, address %s, %zu MiB of "
                 "shared memory, %d locks, System V key offset %s\n",
                 root_.c_str(), kt4CardSlot(), kt4CardChassisId(), dotted(card_).c_str(),
