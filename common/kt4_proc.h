@@ -10,6 +10,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
+#include <signal.h>
 #include <unistd.h>
 
 namespace kt4 {
@@ -53,6 +54,18 @@ inline bool proc_stat(int pid, ProcStat *out) {
 // A state in which the process has ended (killed or exited, not yet collected).
 inline bool proc_ended(char state) {
     return state == 'Z' || state == 'X' || state == 'x';
+}
+
+// Is process pid alive? A zombie is not; a process /proc cannot tell about is taken as alive.
+inline bool process_alive(int pid) {
+    if (pid <= 0) return false;
+    if (pid == static_cast<int>(getpid())) return true;
+    if (kill(pid, 0) != 0 && errno == ESRCH) return false;
+    // A child that has ended but not been collected still answers kill(); its state in /proc
+    // says it is gone.
+    ProcStat st{};
+    if (!proc_stat(pid, &st)) return errno != ENOENT;
+    return !proc_ended(st.state);
 }
 
 } // namespace kt4

@@ -4,6 +4,7 @@
 // its creator may tear it down once the last key is closed, so every section finds it again.
 #include "evt/evt_int.h"
 
+#include "common/kt4_proc.h"
 #include "platform/shm_area.h"
 
 #include <kt4/hostsim.h>
@@ -116,6 +117,38 @@ void give_back(Registry *r, uint32_t idx) {
     r->rec[idx].inUse = 0;
     r->free.used -= 1;
     append(r->free.first, r->free.last, r, idx);
+}
+
+// Takes record idx off the in-use list (prev is the record before it, or kNone) and puts it
+// back on the free queue.
+void unlist(Registry *r, uint32_t prev, uint32_t idx) {
+    if (prev == kNone)
+        r->inUse.first = r->rec[idx].next;
+    else
+        r->rec[prev].next = r->rec[idx].next;
+    if (r->inUse.last == idx) r->inUse.last = prev;
+    r->inUse.count -= 1;
+    give_back(r, idx);
+}
+
+// Gives back the keys of processes that have died without closing them (killed, say), so
+// that a process started again in their place is the one a look-up by service and instance
+// finds, and the registry does not run out over restarts. The number given back.
+int sweep_dead(Registry *r) {
+    int n = 0;
+    uint32_t prev = kNone;
+    for (uint32_t i = r->inUse.first, seen = 0; i < KT4_EVT_MAX_KEYS && seen < KT4_EVT_MAX_KEYS;
+         ++seen) {
+        const uint32_t next = r->rec[i].next;
+        if (!process_alive(static_cast<int>(r->rec[i].pid.get()))) {
+            unlist(r, prev, i);
+            ++n;
+        } else {
+            prev = i;
+        }
+        i = next;
+    }
+    return n;
 }
 
 // Sends the registration of a new key to the card's event-log agent or server. Nothing is
@@ -256,15 +289,19 @@ int kt4EvtOpenlog(int service, int instance) {
     // The registry may vanish between its creation and the lock (its creator closed the last
     // key meanwhile): create it again then.
     uint32_t idx = kNone;
+    int swept = 0;
     bool haveRegistry = false;
     for (int tries = 0; tries < 3 && !haveRegistry; ++tries) {
         if (kt4EvtLibInit() != 0) break;
         WriteGuard g;
         if (Registry *r = g.reg()) {
             haveRegistry = true;
+            swept = sweep_dead(r);
             idx = take_free(r);
         }
     }
+    if (swept > 0)
+        kt4TracePrintf(kModule, "kt4EvtOpenLog: %d EV key(s) of dead processes given back", swept);
     if (!haveRegistry) {
         kt4ErrorPrintf(
             kModule,
@@ -340,13 +377,7 @@ int kt4EvtCloselog(int evKey) {
         errno = ENOENT;
         return -1;
     }
-    if (prev == kNone)
-        r->inUse.first = r->rec[idx].next;
-    else
-        r->rec[prev].next = r->rec[idx].next;
-    if (r->inUse.last == idx) r->inUse.last = prev;
-    r->inUse.count -= 1;
-    give_back(r, idx);
+    unlist(r, prev, idx);
     // The creator takes the registry down with its last key; a record still being opened
     // elsewhere (taken, not yet listed) keeps it.
     if (r->inUse.count == 0u && r->free.used == 0u &&

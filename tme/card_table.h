@@ -15,6 +15,7 @@
 #pragma once
 
 #include "common/kt4_be.h"
+#include "common/kt4_proc.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -109,8 +110,7 @@ int remove_process(int pid);
 // not take lock 5.
 bool own_entries_possible();
 
-// Is process pid alive (a zombie is not)?
-bool process_alive(int pid);
+using kt4::process_alive;
 
 // The wait between the tries of a look-up or of a child waiting for its parent: taskDelay,
 // or what kt4_tmeSetRetryWait put in its place.

@@ -201,17 +201,6 @@ bool own_entries_possible() {
     return g_own_entries.load(std::memory_order_relaxed);
 }
 
-bool process_alive(int pid) {
-    if (pid <= 0) return false;
-    if (pid == static_cast<int>(getpid())) return true;
-    if (kill(pid, 0) != 0 && errno == ESRCH) return false;
-    // A child that has ended but not been collected still answers kill(); its state in /proc
-    // says it is gone. A process /proc cannot tell about is taken as alive.
-    kt4::ProcStat st{};
-    if (!kt4::proc_stat(pid, &st)) return errno != ENOENT;
-    return !kt4::proc_ended(st.state);
-}
-
 bool table_available() {
     Locked l;
     return l.get() != nullptr;

@@ -28,18 +28,27 @@ constexpr uint32_t kMsgControl = 7003; // send-and-wait from the demo program to
 // Control requests: command at 60; the reply carries kControlWords counters from 64 on.
 constexpr uint32_t kCmdStats = 1;
 constexpr uint32_t kCmdStop = 2; // finish the work, then reply with the last counters and exit
+// Between the routing process and the table, whichever of the two has just been started again:
+// the update stream starts over on a new SWP queue and a new receiving stream. To the table,
+// the reply gives the update number the stream goes on from (word 0) and the stream's epoch
+// (word 1); to the routing process, the request gives the epoch (at 64) and the reply the
+// update number it will send next (word 0).
+constexpr uint32_t kCmdResync = 3;
 constexpr int kControlWords = 16;
 constexpr int kControlLen = KT4_IPC_HDR_LEN + 4 + 4 * kControlWords;
 
 // Reply counters of each process (word index).
-enum TableWord { TDelivered, TBad, TRoutes, TAnswered, TDuplicates, TGaps };
+enum TableWord { TDelivered, TBad, TRoutes, TAnswered, TDuplicates, TGaps, TStale };
 enum RoutingWord { RSent, RAcked, RRetrans, RTimeouts, RDrained, RFailed };
 enum QueryWord { QAsked, QAnswered, QWrong, QNoReply, QP50, QP90, QP99, QMax };
 
 // A route update: after the SWP headers, the update number (from 0, one more for each), the
-// prefix, its length, the next hop and the kind.
+// prefix, its length, the next hop, the kind and the stream's epoch (the table takes only the
+// current epoch's updates, so that a datagram of a stream that was started over is not
+// mistaken for one of the new stream).
 constexpr int kUpdateOff = KT4_SWP_MSG_MIN;
-constexpr int kUpdateLen = kUpdateOff + 20;
+constexpr int kEpochOff = kUpdateOff + 20;
+constexpr int kUpdateLen = kUpdateOff + 24;
 constexpr uint32_t kAnnounce = 1;
 constexpr uint32_t kWithdraw = 2;
 

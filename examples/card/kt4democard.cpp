@@ -36,6 +36,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <climits>
 #include <cerrno>
@@ -64,12 +65,19 @@ struct Options {
     uint32_t queryRate = 200;
     bool keep = false;
     bool clean = false;
+    bool restart = false; // a demo process that dies is started again
+    struct Kill {
+        std::string name;
+        double at;
+        bool done;
+    };
+    std::vector<Kill> kills; // --kill NAME@S
     std::string seed; // the relay's, to repeat a run's losses; empty: the relay draws one
 };
 
 const char *const kUsage =
     "usage: kt4democard [--duration S] [--loss F] [--routes N] [--rate N] [--seed N] [--keep]\n"
-    "                   [--clean]\n"
+    "                   [--clean] [--restart] [--kill NAME@S]...\n"
     "  Brings a simulated card up, runs its control processes for S seconds (default 10) and\n"
     "  takes it down. A routing process streams updates of N routes (default 2000, at most\n"
     "  65536) at --rate a second (default 2000) through an SWP queue over a relay that drops a\n"
@@ -79,7 +87,12 @@ const char *const kUsage =
     "  --seed N the relay's seed (each run prints it): the same sequence of loss draws\n"
     "  --keep   after the run, leave the card up (traffic going on) until SIGINT or SIGTERM,\n"
     "           for looking at it with the tools\n"
-    "  --clean  remove the card's directory at the end, logs included\n";
+    "  --clean  remove the card's directory at the end, logs included\n"
+    "  --restart  a process of the demo's own (table, routing, query) that dies while the card\n"
+    "           runs is started again in its place (the update stream starts over, nothing\n"
+    "           lost) instead of taking the card down\n"
+    "  --kill NAME@S  kill the process NAME (table, routing or query) with SIGKILL S seconds\n"
+    "           into the run, to watch it started again; implies --restart; repeatable\n";
 
 volatile sig_atomic_t g_interrupted = 0;
 void on_interrupt(int) {
@@ -139,11 +152,23 @@ struct Proc {
     bool done = false;
     bool said = false; // its failure has been reported (or it was killed after another's)
     std::string out;   // its standard output and error
+    std::string program, args;
+    int restarts = 0;
+    uint32_t *words = nullptr;  // its last counters (the demo's processes)
+    uint32_t earlier[kControlWords] = {}; // the counts of the processes before it
+    std::vector<int> summed;    // the counters that add up over restarts
 };
 
 class Card {
   public:
-    explicit Card(const Options &o) : opt_(o) {}
+    explicit Card(const Options &o) : opt_(o) {
+        table_.words = tableW_;
+        table_.summed = {TBad, TAnswered, TDuplicates, TGaps, TStale};
+        routing_.words = routingW_;
+        routing_.summed = {RAcked, RRetrans, RTimeouts, RFailed};
+        query_.words = queryW_;
+        query_.summed = {QAsked, QAnswered, QWrong, QNoReply};
+    }
     ~Card() { teardown(); }
 
     int run();
@@ -169,7 +194,12 @@ class Card {
     bool start(Proc &p, const std::string &program, const std::string &args);
     bool await_registered(Proc &p);
     bool reap(Proc &p, int seconds);
+    bool ended(Proc &p);
     bool watch(Proc &p);
+    bool restart(Proc &p);
+    bool quiet_end(Proc &p);
+    void kill_on_schedule(double seconds);
+    uint32_t total(const Proc &p, int word) const;
     bool configure();
     bool start_relay();
     bool finish_relay();
@@ -209,6 +239,7 @@ class Card {
     uint32_t tableW_[kControlWords] = {}, routingW_[kControlWords] = {},
              queryW_[kControlWords] = {};
     uint32_t lastDelivered_ = 0;
+    bool supervising_ = false; // the card runs: a demo process that ends may be restarted
     std::vector<std::string> config_;
 };
 
@@ -289,9 +320,14 @@ bool Card::bring_up() {
 // Creates p as a process task of the card, its output going to log/<name>.out.
 bool Card::start(Proc &p, const std::string &program, const std::string &args) {
     p.out = log_ + "/" + p.name + ".out";
+    p.program = program;
+    p.args = args;
     if (program.empty())
         return fail_proc(p, "finding its program", "not built beside kt4democard, nor on PATH");
-    const int fd = open(p.out.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    // A process started again writes after the one it replaces.
+    const int fd = open(p.out.c_str(),
+                        O_WRONLY | O_CREAT | (p.restarts > 0 ? O_APPEND : O_TRUNC) | O_CLOEXEC,
+                        0644);
     if (fd < 0) return fail_proc(p, "opening " + p.out, errno_text(errno));
     std::fflush(stdout);
     std::fflush(stderr);
@@ -501,6 +537,7 @@ bool Card::finish_relay() {
 
 // A control request to one of the demo's processes by send-and-wait.
 bool Card::control(Proc &p, uint32_t cmd, int timeout, uint32_t (&words)[kControlWords]) {
+    if (quiet_end(p)) return false; // to be started again
     // A task that is still starting is in the task table before its endpoint is open: look
     // again for a while then.
     int status = -1;
@@ -510,6 +547,7 @@ bool Card::control(Proc &p, uint32_t cmd, int timeout, uint32_t (&words)[kContro
         if (addr != 0xFFFFFFFFu || status == KT4_TME_PEER_INVALID) break;
         usleep(10000);
     }
+    if (addr == 0xFFFFFFFFu && quiet_end(p)) return false;
     if (addr == 0xFFFFFFFFu)
         return fail_proc(p, "finding its task",
                          "not in the card's task table (look-up status " + std::to_string(status) +
@@ -518,19 +556,22 @@ bool Card::control(Proc &p, uint32_t cmd, int timeout, uint32_t (&words)[kContro
     // does no harm); a stop is asked once and given the whole time.
     unsigned char msg[kControlLen];
     int n = -1, err = 0;
-    for (int tries = cmd == kCmdStop ? 1 : timeout; tries > 0 && n < kControlLen; --tries) {
+    for (int tries = cmd != kCmdStats ? 1 : timeout; tries > 0 && n < kControlLen; --tries) {
         std::memset(msg, 0, sizeof msg);
         put32(msg, KT4_IPC_HDR_LEN, cmd);
         kt4IpcHdrSet(msg, KT4_IPC_HDR_LENGTH, kControlLen);
         kt4IpcSetSourceHeader(msg, kt4CardSlot(), launcher_ >> 7, (launcher_ & 0x7C) >> 2);
         kt4IpcSetTargetHeader(msg, addr, kt4CardSlot(), p.service, p.instance);
-        n = kt4IpcSendWait(launcher_, msg, sizeof msg, cmd == kCmdStop ? timeout : 1, kMsgControl,
-                           ++transaction_);
+        n = kt4IpcSendWait(launcher_, msg, sizeof msg, cmd != kCmdStats ? timeout : 1,
+                           kMsgControl, ++transaction_);
         err = errno;
-        if (n < kControlLen && !watch(p)) return false; // it ended: said so
+        if (n < kControlLen && (quiet_end(p) || !watch(p))) return false; // it ended: said so
     }
     if (n < kControlLen)
-        return fail_proc(p, cmd == kCmdStop ? "stopping" : "reporting its counters",
+        return fail_proc(p,
+                         cmd == kCmdStop     ? "stopping"
+                         : cmd == kCmdResync ? "starting the update stream over"
+                                             : "reporting its counters",
                          "no reply within " + std::to_string(timeout) + " s" +
                              (n < 0 ? ": " + errno_text(err) : ""));
     for (int i = 0; i < kControlWords; ++i)
@@ -543,11 +584,13 @@ void Card::progress(double seconds) {
         !control(query_, kCmdStats, 5, queryW_))
         return;
     // On a terminal the line is rewritten in place; in a log, one line a second.
+    // A table started again goes back a round: no negative rate then.
+    const uint32_t delivered = tableW_[TDelivered];
     std::printf("%s[%5.1fs] updates %6u/s (%u sent, %u applied), retransmissions %u, routes %u, "
                 "queries answered %u%s",
-                tty_ ? "\r" : "", seconds, tableW_[TDelivered] - lastDelivered_, routingW_[RSent],
-                tableW_[TDelivered], routingW_[RRetrans], tableW_[TRoutes], queryW_[QAnswered],
-                tty_ ? "\033[K" : "\n");
+                tty_ ? "\r" : "", seconds, delivered > lastDelivered_ ? delivered - lastDelivered_ : 0,
+                routingW_[RSent], delivered, total(routing_, RRetrans), tableW_[TRoutes],
+                total(query_, QAnswered), tty_ ? "\033[K" : "\n");
     std::fflush(stdout);
     progressOpen_ = tty_;
     lastDelivered_ = tableW_[TDelivered];
@@ -580,16 +623,81 @@ bool Card::reap(Proc &p, int seconds) {
                          : "killed by signal " + std::to_string(WTERMSIG(p.status)));
 }
 
-// A process of the card that ended while the card ran: a failure.
-bool Card::watch(Proc &p) {
+// Has p ended (collected now or before)?
+bool Card::ended(Proc &p) {
     int st = 0;
-    if (p.pid <= 0 || p.done || waitpid(p.pid, &st, WNOHANG) != p.pid) return true;
-    p.done = true;
-    p.status = st;
+    if (p.pid > 0 && !p.done && waitpid(p.pid, &st, WNOHANG) == p.pid) {
+        p.done = true;
+        p.status = st;
+        p.said = false;
+    }
+    return p.pid > 0 && p.done;
+}
+
+// A demo process that ended while the card runs with --restart: not a failure, it is about
+// to be started again.
+bool Card::quiet_end(Proc &p) {
+    return supervising_ && opt_.restart && p.words != nullptr && ended(p);
+}
+
+// The sum of a counter over p and the processes it replaced, or the last value of one that
+// does not add up.
+uint32_t Card::total(const Proc &p, int word) const {
+    const bool summed = std::find(p.summed.begin(), p.summed.end(), word) != p.summed.end();
+    return p.words[word] + (summed ? p.earlier[word] : 0);
+}
+
+// A process of the card that ended while the card ran: a failure (said once).
+bool Card::watch(Proc &p) {
+    if (p.pid <= 0 || (p.done && p.said) || !ended(p)) return true;
+    const int st = p.status;
     return fail_proc(p, "running",
                      std::string("it ended while the card ran: ") +
                          (WIFEXITED(st) ? "exit status " + std::to_string(WEXITSTATUS(st))
                                         : "killed by signal " + std::to_string(WTERMSIG(st))));
+}
+
+// Starts a demo process again in place of one that died; a new table has the routing
+// process start the update stream over, so that it is rebuilt whole.
+bool Card::restart(Proc &p) {
+    const int st = p.status;
+    end_progress();
+    std::printf("[card] %s (pid %d) %s: starting it again\n", p.name.c_str(), p.pid,
+                WIFEXITED(st) ? ("exited with status " + std::to_string(WEXITSTATUS(st))).c_str()
+                              : ("was killed by signal " + std::to_string(WTERMSIG(st))).c_str());
+    for (int w : p.summed) {
+        p.earlier[w] += p.words[w];
+        p.words[w] = 0;
+    }
+    ++p.restarts;
+    p.pid = -1;
+    p.done = false;
+    p.said = false;
+    if (!start(p, p.program, p.args)) return false;
+    std::printf("[card] %s started again (pid %d, restart %d)\n", p.name.c_str(), p.pid,
+                p.restarts);
+    uint32_t w[kControlWords];
+    if (&p == &table_ && !routing_.done && control(routing_, kCmdResync, 40, w))
+        std::printf("[card] the update stream starts over from update %u to rebuild the "
+                    "table\n",
+                    w[RSent]);
+    std::fflush(stdout);
+    return !failed_;
+}
+
+// Kills the demo processes whose --kill time has come.
+void Card::kill_on_schedule(double seconds) {
+    for (Options::Kill &k : opt_.kills) {
+        if (k.done || seconds < k.at) continue;
+        Proc &p = k.name == "table" ? table_ : k.name == "routing" ? routing_ : query_;
+        if (p.done || p.pid <= 0) continue; // not up again yet: the next tick
+        k.done = true;
+        end_progress();
+        std::printf("[card] killing %s (pid %d) with SIGKILL (--kill %s@%g)\n", p.name.c_str(),
+                    p.pid, k.name.c_str(), k.at);
+        std::fflush(stdout);
+        kill(p.pid, SIGKILL);
+    }
 }
 
 // The demo's processes by request (routing first, so that the stream is drained into the
@@ -753,6 +861,10 @@ void Card::summary(double seconds) {
                 queryW_[QAsked], queryW_[QAnswered], queryW_[QWrong], queryW_[QNoReply]);
     std::printf("  query round trip  p50 %u us, p90 %u us, p99 %u us, max %u us\n", queryW_[QP50],
                 queryW_[QP90], queryW_[QP99], queryW_[QMax]);
+    if (table_.restarts + routing_.restarts + query_.restarts > 0)
+        std::printf("  restarts          table %d, routing %d, query %d; %u update datagram(s) of "
+                    "streams started over dropped by the table\n",
+                    table_.restarts, routing_.restarts, query_.restarts, tableW_[TStale]);
     std::printf("  configuration     %zu lines through cfgd\n", config_.size());
     const char *gone = opt_.clean ? " (removed at the end: --clean)" : "";
     std::printf("  event log         %s, %d records%s\n", evtlog.c_str(), count_lines(evtlog),
@@ -813,12 +925,17 @@ int Card::run() {
     const auto t0 = Clock::now();
     auto elapsed = [&] { return std::chrono::duration<double>(Clock::now() - t0).count(); };
     bool kept = false;
+    supervising_ = true;
     while (!g_interrupted && !failed_) {
         if (semTake(tick, 2 * sysClkRateGet()) != OK) continue; // interrupted: look again
         bool alive = true;
         for (Proc *p : {&tmed_, &evtlogd_, &cfgd_, &cfgsync_, &table_, &routing_, &query_})
-            alive = watch(*p) && alive;
+            if (quiet_end(*p))
+                alive = restart(*p) && alive;
+            else
+                alive = watch(*p) && alive;
         if (!alive) break;
+        kill_on_schedule(elapsed());
         progress(elapsed());
         if (elapsed() + 0.01 >= opt_.duration) {
             if (!opt_.keep) break;
@@ -830,6 +947,7 @@ int Card::run() {
             }
         }
     }
+    supervising_ = false;
     vx2bsdTimerCancel(timer);
     vx2bsdTimerDelete(timer);
     semDelete(tick);
@@ -838,6 +956,12 @@ int Card::run() {
     const double seconds = elapsed();
     bool ok = shut_down() && !failed_;
     save_traces();
+    // From here on, each counter is the card's whole count over restarts.
+    for (Proc *p : {&table_, &routing_, &query_})
+        for (int w : p->summed) {
+            p->words[w] += p->earlier[w];
+            p->earlier[w] = 0;
+        }
     // The checks: every update exactly once and in order, the table as the model says.
     const uint32_t sent = routingW_[RSent];
     if (ok && tableW_[TDelivered] != sent)
@@ -912,6 +1036,24 @@ int main(int argc, char **argv) {
             o.keep = true;
         else if (a == "--clean")
             o.clean = true;
+        else if (a == "--restart")
+            o.restart = true;
+        else if (a == "--kill") {
+            const std::string v = i + 1 < argc ? argv[i + 1] : "";
+            const size_t at = v.find('@');
+            const std::string name = v.substr(0, at);
+            double when = 0;
+            if (at == std::string::npos ||
+                (name != "table" && name != "routing" && name != "query") ||
+                !parse_double(v.c_str() + at + 1, 0, 86400, &when)) {
+                std::fprintf(stderr, "kt4democard: --kill needs NAME@SECONDS, NAME one of table, "
+                                     "routing, query (--help shows the usage)\n");
+                return 2;
+            }
+            o.kills.push_back({name, when, false});
+            o.restart = true;
+            ++i;
+        }
         else if (a == "-h" || a == "--help") {
             std::fputs(kUsage, stdout);
             return 0;

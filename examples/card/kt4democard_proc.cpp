@@ -14,6 +14,15 @@
 // they name. A timer (a watchdog re-armed every tick) paces the work; the task reports through
 // the event log and the trace rings, and answers the demo program's control requests: counters
 // now, or stop (finish the work, give the last counters and exit).
+//
+// Either end of the update stream may be killed and started again by the demo program
+// (--restart, --kill). The stream is then started over, always by the routing process: a
+// resync request to the table, which makes a new receiving stream under a new epoch and says
+// which update it expects; then a new SWP queue. A new routing process asks as it starts and
+// goes on from the update the table expects. For a new table, the demo program asks the
+// routing process to start over: it proposes one round of the model back (the last update of
+// every route, which rebuilds the whole table), and a table that has taken no stream yet
+// takes the proposal.
 #include "democard.h"
 
 #include <kt4/evt.h>
@@ -136,6 +145,36 @@ int wait_message(int a, int b, int ms) {
     return -1;
 }
 
+// A resync request to the table by send-and-wait with the update proposed (kNoProposal:
+// none), asked again every second for at most 30 s (the table may itself be starting); the
+// reply's words, or false.
+constexpr uint32_t kNoProposal = 0xFFFFFFFFu;
+bool ask_resync(uint32_t proposal, uint32_t (&words)[kControlWords]) {
+    const int service = kTableService;
+    static uint32_t transaction = 0;
+    for (int i = 0; i < 30; ++i) {
+        int status = -1;
+        const uint32_t addr = kt4_tmeGetPeerIpAddrByName(service, 0, &status);
+        if (addr == 0xFFFFFFFFu) {
+            taskDelay(sysClkRateGet());
+            continue;
+        }
+        unsigned char msg[kControlLen] = {};
+        put32(msg, KT4_IPC_HDR_LEN, kCmdResync);
+        put32(msg, KT4_IPC_HDR_LEN + 4, proposal);
+        kt4IpcHdrSet(msg, KT4_IPC_HDR_LENGTH, kControlLen);
+        kt4IpcSetSourceHeader(msg, kt4CardSlot(), g_role->key >> 7, (g_role->key & 0x7C) >> 2);
+        kt4IpcSetTargetHeader(msg, addr, kt4CardSlot(), service, 0);
+        if (kt4IpcSendWait(g_role->key, msg, sizeof msg, 1, kMsgControl, ++transaction) >=
+            kControlLen) {
+            for (int w = 0; w < kControlWords; ++w)
+                words[w] = get32(msg, KT4_IPC_HDR_LEN + 4 + 4 * w);
+            return true;
+        }
+    }
+    return false;
+}
+
 void reply_control(unsigned char *msg, const uint32_t (&words)[kControlWords]) {
     for (int i = 0; i < kControlWords; ++i)
         put32(msg, KT4_IPC_HDR_LEN + 4 + 4 * i, words[i]);
@@ -159,6 +198,10 @@ struct Table {
     uint32_t duplicates = 0; // numbers already applied
     uint32_t gaps = 0;       // numbers skipped (an update lost)
     uint32_t answered = 0;
+    uint32_t stale = 0;      // updates of an earlier stream, dropped
+    uint32_t epoch = 0;      // of the stream taken
+    bool fresh = true;       // no stream taken yet: a proposal says where to start
+    kt4SwpRx *rx = nullptr;
     std::string firstProblem;
 };
 
@@ -245,16 +288,31 @@ void answer_query(Table &t, unsigned char *msg) {
     if (kt4IpcReply(g_role->key, msg, kQueryLen) >= 0) ++t.answered;
 }
 
+// A new receiving stream for a new epoch: what the old one held is dropped with it (its
+// sender has gone or started over).
+bool new_stream(Table &t) {
+    if (t.rx != nullptr) kt4SwpRxDestroy(t.rx);
+    t.rx = kt4SwpRxCreate(g_role->key, 1024, deliver, &t);
+    t.epoch = (t.epoch & ~0xFFu) | ((t.epoch + 1) & 0xFFu);
+    return t.rx != nullptr;
+}
+
 int run_table() {
     Table t;
+    // Epochs: this process's id, then a count of the streams it has taken.
+    t.epoch = static_cast<uint32_t>(getpid()) << 8;
     t.tree = kt4RadixCreate("demo routes", KT4_RADIX_IPV4_BITS, nullptr, nullptr, nullptr);
     if (t.tree == nullptr) return fail("creating the radix tree", errno_text());
-    kt4SwpRx *rx = kt4SwpRxCreate(g_role->key, 1024, deliver, &t);
-    if (rx == nullptr || !start_timer()) {
+    if (!start_timer()) {
         const std::string why = errno_text();
-        if (rx != nullptr) kt4SwpRxDestroy(rx);
         kt4RadixDestroy(t.tree);
-        return fail(rx == nullptr ? "creating the receiving stream" : "starting the timer", why);
+        return fail("starting the timer", why);
+    }
+    if (!new_stream(t)) {
+        const std::string why = errno_text();
+        stop_timer();
+        kt4RadixDestroy(t.tree);
+        return fail("creating the receiving stream", why);
     }
     log_event("route table up for %u routes", g_role->routes);
     unsigned char msg[2048];
@@ -267,9 +325,28 @@ int run_table() {
             if (n >= KT4_IPC_HDR_LEN) {
                 const uint32_t type = kt4IpcHdrGet(msg, KT4_IPC_HDR_MSG_TYPE);
                 if (type == kMsgUpdate) {
-                    kt4SwpRxPut(rx, msg, n);
+                    if (n >= kUpdateLen && get32(msg, kEpochOff) == t.epoch)
+                        kt4SwpRxPut(t.rx, msg, n);
+                    else
+                        ++t.stale;
                 } else if (type == kMsgQuery && n >= kQueryLen) {
                     answer_query(t, msg);
+                } else if (type == kMsgControl && n >= kControlLen &&
+                           get32(msg, KT4_IPC_HDR_LEN) == kCmdResync) {
+                    // The stream starts over: a new receiving stream, from the update due,
+                    // or (nothing taken yet) from the one proposed.
+                    uint32_t w[kControlWords] = {};
+                    if (!new_stream(t)) {
+                        rc = fail("creating the receiving stream", errno_text());
+                        break;
+                    }
+                    const uint32_t proposal = get32(msg, KT4_IPC_HDR_LEN + 4);
+                    if (t.fresh && proposal != kNoProposal) t.expected = proposal;
+                    t.fresh = false;
+                    w[0] = t.expected;
+                    w[1] = t.epoch;
+                    reply_control(msg, w);
+                    log_event("the update stream starts over from update %u", t.expected);
                 } else if (type == kMsgControl && n >= kControlLen) {
                     stop = get32(msg, KT4_IPC_HDR_LEN) == kCmdStop;
                     uint32_t w[kControlWords] = {};
@@ -279,13 +356,14 @@ int run_table() {
                     w[TAnswered] = t.answered;
                     w[TDuplicates] = t.duplicates;
                     w[TGaps] = t.gaps;
+                    w[TStale] = t.stale;
                     reply_control(msg, w);
                 }
             }
         }
         // A negative acknowledgement is repeated while a gap stays open 20 ms; on the timer,
         // every 2 s (100 ticks), a record of where the table stands.
-        kt4SwpRxPoll(rx, 20);
+        kt4SwpRxPoll(t.rx, 20);
         const uint32_t now = g_role->ticks;
         if (now / 100 != reported) {
             reported = now / 100;
@@ -297,7 +375,7 @@ int run_table() {
     if (!t.firstProblem.empty()) rc = fail("checking the update stream", t.firstProblem);
     log_event("stopping: %u updates applied, %u routes, %u bad, %u duplicates, %u gaps", t.expected,
               t.routes, t.bad, t.duplicates, t.gaps);
-    kt4SwpRxDestroy(rx);
+    kt4SwpRxDestroy(t.rx);
     while (kt4RadixEntry *e = kt4RadixGetNext(t.tree, nullptr, 0)) {
         kt4RadixRemove(t.tree, e);
         delete reinterpret_cast<Route *>(e);
@@ -325,36 +403,76 @@ void free_update(void *buffer) {
     std::free(buffer);
 }
 
-int run_routing() {
+// The queue to the table (through the relay when there is one); 0 when it could not be made,
+// said as a failure.
+uint32_t make_queue() {
     uint32_t h = 0;
     uint32_t st =
         kt4MwpQueueCreate_p(static_cast<uint32_t>(g_role->evKey == -1 ? 0 : g_role->evKey), 0, 50,
                             255, kRoutingService, 0, g_role->key, kTableService, 0, kMsgUpdate,
                             nullptr, nullptr, free_update, queue_report, 64, &h);
-    if (st != KT4_SWP_SUCCESS) return fail("creating the SWP queue to the table", kt4SwpGetErr(st));
+    if (st != KT4_SWP_SUCCESS) {
+        fail("creating the SWP queue to the table", kt4SwpGetErr(st));
+        return 0;
+    }
     if (g_role->via != 0 &&
         (st = kt4SwpSetQOption(h, KT4_SWP_OPT_RECEIVER_ADDR, g_role->via)) != KT4_SWP_SUCCESS) {
         kt4SwpQueueRemove(h);
-        return fail("sending the queue through the relay", kt4SwpGetErr(st));
+        fail("sending the queue through the relay", kt4SwpGetErr(st));
+        return 0;
     }
+    return h;
+}
+
+// Drops what is on the response queue for ms: acknowledgements of a stream that was
+// started over, which must not reach the new queue.
+void drop_responses(int ms) {
+    unsigned char msg[2048];
+    const auto until = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
+    while (std::chrono::steady_clock::now() < until)
+        if (wait_message(rsp_queue(), -1, 5) != -1) kt4IpcRecv(rsp_queue(), msg, sizeof msg, 1, 0, 0);
+}
+
+// Starts the stream over with a proposal (see the top of the file): the table says which
+// update it expects and under which epoch, then a new queue carries the stream. 0 when the
+// stream could not be started, said as a failure.
+uint32_t start_over(uint32_t proposal, uint32_t *sent, uint32_t *epoch) {
+    uint32_t w[kControlWords] = {};
+    if (!ask_resync(proposal, w)) {
+        fail("asking the table where the stream goes on from", "no reply in 30 s");
+        return 0;
+    }
+    *sent = w[0];
+    *epoch = w[1];
+    drop_responses(100);
+    return make_queue();
+}
+
+int run_routing() {
+    uint32_t sent = 0, epoch = 0;
+    uint32_t h = start_over(kNoProposal, &sent, &epoch);
+    if (h == 0) return 1;
     if (!start_timer()) {
         kt4SwpQueueRemove(h);
         return fail("starting the timer", errno_text());
     }
-    log_event("streaming updates of %u routes at %u a second to the table%s", g_role->routes,
-              g_role->rate, g_role->via != 0 ? " through the relay" : "");
+    log_event("streaming updates of %u routes at %u a second to the table%s, from update %u",
+              g_role->routes, g_role->rate, g_role->via != 0 ? " through the relay" : "", sent);
     unsigned char msg[2048];
     unsigned char stopRequest[kControlLen];
     bool stopping = false;
-    uint32_t sent = 0, reported = 0, seenTicks = 0;
-    const auto start = std::chrono::steady_clock::now();
+    uint32_t reported = 0, seenTicks = 0;
+    const auto start = std::chrono::steady_clock::now() - std::chrono::microseconds(
+                                                              uint64_t{sent} * 1000000 /
+                                                              g_role->rate);
     std::string problem;
+    kt4SwpQueueStatus earlier{}; // the counts of the queues before this one
     auto counters = [&](const kt4SwpQueueStatus &s, bool drained, uint32_t(&w)[kControlWords]) {
         std::fill(w, w + kControlWords, 0);
         w[RSent] = sent;
-        w[RAcked] = s.acks;
-        w[RRetrans] = s.retrans;
-        w[RTimeouts] = s.timeouts;
+        w[RAcked] = earlier.acks + s.acks;
+        w[RRetrans] = earlier.retrans + s.retrans;
+        w[RTimeouts] = earlier.timeouts + s.timeouts;
         w[RDrained] = drained;
         w[RFailed] = g_givenUp;
     };
@@ -367,6 +485,22 @@ int run_routing() {
                 const uint32_t type = kt4IpcHdrGet(msg, KT4_IPC_HDR_MSG_TYPE);
                 if (q == rsp_queue()) {
                     kt4SwpProcMsg(msg, n);
+                } else if (type == kMsgControl && n >= kControlLen &&
+                           get32(msg, KT4_IPC_HDR_LEN) == kCmdResync) {
+                    // The table was started again, empty: the stream starts over one round
+                    // of the model back (the last update of every route).
+                    kt4SwpQueueStatus old{};
+                    kt4SwpGetQueueStatus(h, &old);
+                    earlier.acks += old.acks;
+                    earlier.retrans += old.retrans;
+                    earlier.timeouts += old.timeouts;
+                    kt4SwpQueueRemove(h);
+                    const uint32_t back = sent > g_role->routes ? sent - g_role->routes : 0;
+                    if ((h = start_over(back, &sent, &epoch)) == 0) break; // said
+                    uint32_t w[kControlWords] = {};
+                    w[RSent] = sent;
+                    reply_control(msg, w);
+                    log_event("the update stream starts over from update %u", sent);
                 } else if (type == kMsgControl && n >= kControlLen) {
                     if (get32(msg, KT4_IPC_HDR_LEN) == kCmdStop) {
                         stopping = true;
@@ -413,7 +547,8 @@ int run_routing() {
             put32(m, kUpdateOff + 8, u.length);
             put32(m, kUpdateOff + 12, u.nextHop);
             put32(m, kUpdateOff + 16, u.kind);
-            st = kt4SwpEnqueue(h, m, kUpdateLen);
+            put32(m, kEpochOff, epoch);
+            const uint32_t st = kt4SwpEnqueue(h, m, kUpdateLen);
             if (st != KT4_SWP_SUCCESS) {
                 std::free(m);
                 break; // the queue is full: the next tick tries again
@@ -428,11 +563,15 @@ int run_routing() {
         }
     }
     stop_timer();
-    kt4SwpQueueStatus s{};
-    kt4SwpGetQueueStatus(h, &s);
-    log_event("stopping: %u updates sent, %u retransmissions, %u timeouts, %u timer report(s)",
-              sent, s.retrans, s.timeouts, g_queueReports.load());
-    kt4SwpQueueRemove(h);
+    if (h != 0) {
+        kt4SwpQueueStatus s{};
+        kt4SwpGetQueueStatus(h, &s);
+        log_event("stopping: %u updates sent, %u retransmissions, %u timeouts, %u timer report(s)",
+                  sent, earlier.retrans + s.retrans, earlier.timeouts + s.timeouts,
+                  g_queueReports.load());
+        kt4SwpQueueRemove(h);
+    }
+    if (h == 0) return 1; // the stream could not start over: said
     return problem.empty() ? 0 : fail("streaming the updates", problem);
 }
 

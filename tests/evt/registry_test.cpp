@@ -5,6 +5,8 @@
 
 #include <algorithm>
 #include <set>
+#include <csignal>
+#include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
 
@@ -83,6 +85,34 @@ TEST(EvtRegistry, OnlyItsCreatorTearsItDown) {
     const int d = kt4EvtOpenlog(153, 0);
     EXPECT_EQ(d, KT4_EVT_KEY_BASE);
     EXPECT_EQ(kt4EvtCloselog(d), 0);
+}
+
+// A process killed with its key open: the next open gives the key back, so that a process
+// started in its place is the one found by service and instance.
+TEST(EvtRegistry, AKilledProcesssKeyIsGivenBackAtTheNextOpen) {
+    evttest::card();
+    evttest::Server server(24, 0);
+    const int own = kt4EvtOpenlog(156, 0);
+    ASSERT_NE(own, -1);
+    const pid_t child = fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        kt4EvtOpenlog(155, 0);
+        raise(SIGKILL);
+    }
+    int st = 0;
+    ASSERT_EQ(waitpid(child, &st, 0), child);
+    ASSERT_TRUE(WIFSIGNALED(st));
+    const int dead = kt4EvtGetEvKeyFromPid(static_cast<int>(child));
+    ASSERT_NE(dead, -1) << "held until the next open";
+    const int again = kt4EvtOpenlog(155, 0);
+    ASSERT_NE(again, -1);
+    EXPECT_EQ(kt4EvtGetEvKeyFromPid(static_cast<int>(child)), -1);
+    EXPECT_EQ(kt4EvtGetKeyFromServiceInstance(155, 0), again);
+    EXPECT_EQ(kt4EvtGetServiceKey(own), 156) << "a live process's key stays";
+    EXPECT_EQ(kt4EvtCloselog(again), 0);
+    EXPECT_EQ(kt4EvtCloselog(own), 0);
+    EXPECT_FALSE(registry_exists());
 }
 
 TEST(EvtRegistry, SeverityMasksKeepLevelsZeroToTwoOn) {
