@@ -6,6 +6,7 @@
 #                     an ASan+UBSan build, the threading directories under TSan, and the fuzz
 #                     targets for a short bounded time on their committed corpora
 #   ./build.sh bench  build and run the benchmarks
+#   ./build.sh soak   build, then run the demo card's soak (10 minutes; not part of the tests)
 set -euo pipefail
 cd "$(dirname "$0")"
 top=$PWD
@@ -101,8 +102,21 @@ bench)
         [ -x "$b" ] && "$b"
     done
     ;;
+soak)
+    # The demo card for 10 minutes at 5% loss (or: ./build.sh soak SECONDS LOSS), each of its
+    # processes killed once and started again, in a System V namespace of its own.
+    need_packages
+    build_normal
+    shift
+    soak="examples/card/soak.sh build/normal/examples/card/kt4democard $*"
+    if unshare --ipc true 2>/dev/null; then
+        exec unshare --ipc sh -c "$soak"
+    fi
+    echo "== no private System V namespace here (unshare --ipc): the counts include others'"
+    exec sh -c "$soak"
+    ;;
 *)
-    echo "usage: $0 demo|test|bench" >&2
+    echo "usage: $0 demo|test|bench|soak" >&2
     exit 2
     ;;
 esac

@@ -37,6 +37,9 @@ constexpr uint32_t kCmdResync = 3;
 constexpr int kControlWords = 16;
 constexpr int kControlLen = KT4_IPC_HDR_LEN + 4 + 4 * kControlWords;
 
+// The last word of every reply: the process's live blocks (the memory-check service's count).
+constexpr int kLiveWord = kControlWords - 1;
+
 // Reply counters of each process (word index).
 enum TableWord { TDelivered, TBad, TRoutes, TAnswered, TDuplicates, TGaps, TStale };
 enum RoutingWord { RSent, RAcked, RRetrans, RTimeouts, RDrained, RFailed };

@@ -66,6 +66,7 @@ struct Options {
     bool keep = false;
     bool clean = false;
     bool restart = false; // a demo process that dies is started again
+    double memory = 0;    // seconds between memory reports; 0: none
     struct Kill {
         std::string name;
         double at;
@@ -77,7 +78,7 @@ struct Options {
 
 const char *const kUsage =
     "usage: kt4democard [--duration S] [--loss F] [--routes N] [--rate N] [--seed N] [--keep]\n"
-    "                   [--clean] [--restart] [--kill NAME@S]...\n"
+    "                   [--clean] [--restart] [--kill NAME@S]... [--memory S]\n"
     "  Brings a simulated card up, runs its control processes for S seconds (default 10) and\n"
     "  takes it down. A routing process streams updates of N routes (default 2000, at most\n"
     "  65536) at --rate a second (default 2000) through an SWP queue over a relay that drops a\n"
@@ -92,7 +93,10 @@ const char *const kUsage =
     "           runs is started again in its place (the update stream starts over, nothing\n"
     "           lost) instead of taking the card down\n"
     "  --kill NAME@S  kill the process NAME (table, routing or query) with SIGKILL S seconds\n"
-    "           into the run, to watch it started again; implies --restart; repeatable\n";
+    "           into the run, to watch it started again; implies --restart; repeatable\n"
+    "  --memory S  every S seconds, a line of each process's resident size (and of it, the\n"
+    "           private part: heap, stacks) and of the demo processes' live blocks (the\n"
+    "           memory-check service is turned on for the card's processes)\n";
 
 volatile sig_atomic_t g_interrupted = 0;
 void on_interrupt(int) {
@@ -199,6 +203,7 @@ class Card {
     bool restart(Proc &p);
     bool quiet_end(Proc &p);
     void kill_on_schedule(double seconds);
+    void memory_report(double seconds);
     uint32_t total(const Proc &p, int word) const;
     bool configure();
     bool start_relay();
@@ -224,6 +229,7 @@ class Card {
     std::string root_, log_;
     bool mapped_ = false, locks_ = false;
     int bandFd_ = -1;
+    std::string bandLock_; // the file whose lock holds the card's identity
     int launcher_ = -1, evKey_ = -1;
     uint32_t card_ = 0, viaA_ = 0, viaB_ = 0;
     Proc tmed_{"tmed", KT4_TME_SERVICE, KT4_TME_PEER_INSTANCE};
@@ -262,9 +268,15 @@ bool Card::bring_up() {
         const std::string lock = "/tmp/kt4democard-" + std::to_string(n) + ".lock";
         const int fd = open(lock.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0666);
         if (fd < 0) continue;
-        if (flock(fd, LOCK_EX | LOCK_NB) == 0) {
+        // The holder removes the file as it ends: a lock taken on a file already removed
+        // (the path names another file now, or none) holds nothing.
+        struct stat held {}, named {};
+        if (flock(fd, LOCK_EX | LOCK_NB) == 0 && fstat(fd, &held) == 0 &&
+            stat(lock.c_str(), &named) == 0 && held.st_ino == named.st_ino &&
+            held.st_dev == named.st_dev) {
             band = n;
             bandFd_ = fd;
+            bandLock_ = lock;
         } else {
             close(fd);
         }
@@ -281,6 +293,8 @@ bool Card::bring_up() {
     setenv("KT4_CHASSIS_ID", std::to_string(chassis).c_str(), 1);
     setenv("KT4_SLOT", std::to_string(slot).c_str(), 1);
     setenv("KT4_CPU", "1", 1);
+    // Memory reports count the live blocks of the processes: the memory-check service on.
+    if (opt_.memory > 0) setenv("KT4_MC_ON", "1", 1);
     kt4CardReload();
     std::string bytes = std::to_string(kCardBytes);
     char arg0[] = "kt4democard";
@@ -685,6 +699,40 @@ bool Card::restart(Proc &p) {
     return !failed_;
 }
 
+// Resident size and its private part (heap, stacks, private mappings) of a process, in KB,
+// from /proc; false when it is gone.
+bool resident_kb(int pid, long *rss, long *anon) {
+    std::ifstream in("/proc/" + std::to_string(pid) + "/status");
+    *rss = *anon = -1;
+    for (std::string l; std::getline(in, l);) {
+        if (l.compare(0, 6, "VmRSS:") == 0) *rss = std::strtol(l.c_str() + 6, nullptr, 10);
+        if (l.compare(0, 8, "RssAnon:") == 0) *anon = std::strtol(l.c_str() + 8, nullptr, 10);
+    }
+    return *rss >= 0 && *anon >= 0;
+}
+
+// One line: every process of the card, its resident size, the private part of it, and for
+// the demo's processes their live blocks as of their last counters.
+void Card::memory_report(double seconds) {
+    end_progress();
+    std::printf("[memory %4.0fs]", seconds);
+    const char *sep = " ";
+    for (Proc *p : {&table_, &routing_, &query_, &tmed_, &evtlogd_, &cfgd_, &cfgsync_}) {
+        long rss = 0, anon = 0;
+        if (p->pid <= 0 || p->done || !resident_kb(p->pid, &rss, &anon)) continue;
+        std::printf("%s%s %ld KB (private %ld KB)", sep, p->name.c_str(), rss, anon);
+        if (p->words != nullptr) std::printf(" %u live blocks", p->words[kLiveWord]);
+        sep = ", ";
+    }
+    long rss = 0, anon = 0;
+    if (relayPid_ > 0 && resident_kb(relayPid_, &rss, &anon))
+        std::printf(", relay %ld KB (private %ld KB)", rss, anon);
+    if (resident_kb(getpid(), &rss, &anon))
+        std::printf(", kt4democard %ld KB (private %ld KB)", rss, anon);
+    std::printf("\n");
+    std::fflush(stdout);
+}
+
 // Kills the demo processes whose --kill time has come.
 void Card::kill_on_schedule(double seconds) {
     for (Options::Kill &k : opt_.kills) {
@@ -811,7 +859,10 @@ void Card::teardown() {
     }
     rmdir(root_.c_str()); // only once empty
     root_.clear();
-    if (bandFd_ >= 0) close(bandFd_);
+    if (bandFd_ >= 0) {
+        unlink(bandLock_.c_str()); // while still holding it (see bring_up)
+        close(bandFd_);
+    }
     bandFd_ = -1;
 }
 
@@ -925,6 +976,7 @@ int Card::run() {
     const auto t0 = Clock::now();
     auto elapsed = [&] { return std::chrono::duration<double>(Clock::now() - t0).count(); };
     bool kept = false;
+    double nextMemory = opt_.memory;
     supervising_ = true;
     while (!g_interrupted && !failed_) {
         if (semTake(tick, 2 * sysClkRateGet()) != OK) continue; // interrupted: look again
@@ -937,6 +989,10 @@ int Card::run() {
         if (!alive) break;
         kill_on_schedule(elapsed());
         progress(elapsed());
+        if (opt_.memory > 0 && elapsed() + 0.01 >= nextMemory) {
+            memory_report(elapsed());
+            nextMemory += opt_.memory;
+        }
         if (elapsed() + 0.01 >= opt_.duration) {
             if (!opt_.keep) break;
             if (!kept) {
@@ -1038,6 +1094,8 @@ int main(int argc, char **argv) {
             o.clean = true;
         else if (a == "--restart")
             o.restart = true;
+        else if (a == "--memory")
+            o.memory = value(1, 86400);
         else if (a == "--kill") {
             const std::string v = i + 1 < argc ? argv[i + 1] : "";
             const size_t at = v.find('@');

@@ -178,6 +178,7 @@ bool ask_resync(uint32_t proposal, uint32_t (&words)[kControlWords]) {
 void reply_control(unsigned char *msg, const uint32_t (&words)[kControlWords]) {
     for (int i = 0; i < kControlWords; ++i)
         put32(msg, KT4_IPC_HDR_LEN + 4 + 4 * i, words[i]);
+    put32(msg, KT4_IPC_HDR_LEN + 4 + 4 * kLiveWord, static_cast<uint32_t>(MCLiveCount()));
     kt4IpcHdrSet(msg, KT4_IPC_HDR_LENGTH, kControlLen);
     kt4IpcReply(g_role->key, msg, kControlLen);
 }
