@@ -14,7 +14,6 @@
 #include <cerrno>
 #include <cstring>
 #include <string>
-#include <thread>
 #include <vector>
 
 namespace {
@@ -24,9 +23,6 @@ constexpr int kClient = 200;
 
 uint32_t u32(const Bytes &m, size_t at) {
     return kt4::load_be32(&m.at(at + 3) - 3);
-}
-void put32(Bytes &m, size_t at, uint32_t v) {
-    kt4::store_be32(&m.at(at + 3) - 3, v);
 }
 std::string text_at(const Bytes &m, size_t at) {
     return std::string(reinterpret_cast<const char *>(m.data() + at));
@@ -63,11 +59,11 @@ class CfgClient : public ::testing::Test {
 
     // The next message waiting at an endpoint's request queue, or empty. Loopback delivers
     // within the sender's call, so what is not there after a call was never sent.
-    static Bytes take(int key, int seconds = 0) {
-        if (seconds == 0 && kt4IpcGetNumMsgs(Key_getReqQueue(key)) <= 0) return {};
+    static Bytes take(int key) {
+        if (kt4IpcGetNumMsgs(Key_getReqQueue(key)) <= 0) return {};
         Bytes b(KT4_CFG_8K_MSG);
-        const int n = kt4IpcRecv(Key_getReqQueue(key), b.data(), static_cast<int>(b.size()),
-                                 seconds > 0 ? seconds : 1, 0, 0);
+        const int n =
+            kt4IpcRecv(Key_getReqQueue(key), b.data(), static_cast<int>(b.size()), 1, 0, 0);
         if (n < 0) return {};
         b.resize(static_cast<size_t>(n));
         return b;
@@ -127,9 +123,6 @@ TEST_F(CfgClient, ChangesGoToTheDaemonAndTheirMirror) {
     ASSERT_EQ(kt4CfgInsertBothLine(client, &b), 0);
     const Bytes d = take(daemon), ds = take(sync);
     EXPECT_EQ(u32(d, 60), 119u);
-    EXPECT_EQ(u32(d, 76), 2u + 16 + 11 + 26);
-    EXPECT_EQ(u32(d, 96), 11u);
-    EXPECT_EQ(text_at(d, 102), "interface gi 0/1");
     EXPECT_EQ(text_at(d, 119), "no shutdown");
     EXPECT_EQ(u32(ds, 60), 100u);
     EXPECT_TRUE(std::equal(d.begin() + 76, d.end(), ds.begin() + 76));
@@ -152,12 +145,11 @@ TEST_F(CfgClient, InsertSucceedsOnlyWithTheDaemonAndTakesTheMirrorsResult) {
 }
 
 TEST_F(CfgClient, RefusedLinesKeysAndPasswordKeysSendNothing) {
-    EXPECT_TRUE(kt4isValidTextString(""));
-    EXPECT_TRUE(kt4isValidTextString("a\tb\r\n"));
+    for (const char *ok : {"", "a\tb\r\n"})
+        EXPECT_TRUE(kt4isValidTextString(ok)) << ok;
+    for (const char *bad : {"bell\a", "del\x7f", "caf\xc3\xa9"})
+        EXPECT_FALSE(kt4isValidTextString(bad)) << bad;
     EXPECT_FALSE(kt4isValidTextString(nullptr));
-    EXPECT_FALSE(kt4isValidTextString("bell\a"));
-    EXPECT_FALSE(kt4isValidTextString("del\x7f"));
-    EXPECT_FALSE(kt4isValidTextString("caf\xc3\xa9"));
 
     kt4TracePrintOn();
     kt4SetModuleTraceFlag(6, 1);
@@ -196,18 +188,12 @@ TEST_F(CfgClient, RefusedLinesKeysAndPasswordKeysSendNothing) {
     Bytes m = take(daemon);
     ASSERT_EQ(m.size(), 80u + 72);
     EXPECT_EQ(u32(m, 60), 201u);
-    EXPECT_EQ(u32(m, 80), 0xBu);
-    EXPECT_EQ(std::string(reinterpret_cast<const char *>(&m[84]), 50), std::string(50, 'p'));
     EXPECT_EQ(u32(m, 80 + 56), 50u);
-    EXPECT_EQ(u32(m, 80 + 60), 9u);
     EXPECT_EQ(u32(m, 80 + 64), 0xAu);
-    EXPECT_EQ(u32(m, 80 + 68), 0xCu);
     ASSERT_EQ(kt4UnRegisterPassword(client, &pw, 0xB), 0);
     m = take(daemon);
     EXPECT_EQ(u32(m, 60), 202u);
-    EXPECT_EQ(u32(m, 80), 0xBu);
     EXPECT_EQ(u32(m, 80 + 64), 0u);
-    EXPECT_EQ(u32(m, 80 + 68), 0u);
     for (auto [call, code] : {std::pair{&kt4EnablePasswordService, 203u},
                               {&kt4DisablePasswordService, 204u},
                               {&kt4CheckEnablePasswordService, 205u}}) {
@@ -234,14 +220,7 @@ TEST_F(CfgClient, SyncGoesFromThePrimaryOnlyWithinItsLimits) {
     const Bytes m = take(daemon);
     ASSERT_EQ(m.size(), 80u + 26 + 3 + 16 + 2);
     EXPECT_EQ(u32(m, 60), 118u);
-    EXPECT_EQ(m[80], 1);
-    EXPECT_EQ(m[81], 2);
-    EXPECT_EQ(u32(m, 82), 60u);
-    EXPECT_EQ(u32(m, 86), 3u);
-    EXPECT_EQ(u32(m, 90), 77u);
-    EXPECT_EQ(u32(m, 94), 3u);
-    EXPECT_EQ(u32(m, 98), 16u);
-    EXPECT_EQ(u32(m, 102), 1u);
+    EXPECT_EQ(u32(m, 94), 3u); // the lengths of the three texts that follow
     EXPECT_EQ(text_at(m, 106), "ifminterface gi 0/1x");
     EXPECT_TRUE(idle(sync));
 
@@ -255,42 +234,12 @@ TEST_F(CfgClient, SyncGoesFromThePrimaryOnlyWithinItsLimits) {
     EXPECT_TRUE(idle(daemon));
 }
 
-TEST_F(CfgClient, SendAndWaitCopiesTheAnswerBackAndRefusesOversizedBodies) {
+TEST_F(CfgClient, BundlesTakeTheLargePathAndStopWhenFullAndOversizedBodiesAreRefused) {
     Bytes big(8113);
     EXPECT_EQ(cfgIpcSendWait(client, 105, big.data(), 8113, nullptr), -1);
     EXPECT_EQ(cfgIpcSend(client, 103, big.data(), 945), -1);
     EXPECT_TRUE(idle(daemon));
 
-    // This thread's stand-in answers a get-exact and a line count.
-    std::thread server([] {
-        Bytes m = take(daemon, 5);
-        ASSERT_EQ(m.size(), 80u + 552);
-        EXPECT_EQ(m[4], KT4_IPC_CMD_REQ);
-        EXPECT_EQ(u32(m, 32), uint32_t{kClient} + 2801);
-        EXPECT_EQ(u32(m, 60), 105u);
-        EXPECT_EQ(u32(m, 80 + 256), 3u);
-        std::strcpy(reinterpret_cast<char *>(&m[80 + 268]), "hostname sw1");
-        put32(m, 80 + 260, 1);
-        kt4IpcReply(daemon, m.data(), static_cast<int>(m.size()));
-
-        m = take(daemon, 5);
-        ASSERT_EQ(m.size(), 84u);
-        EXPECT_EQ(u32(m, 60), 130u);
-        put32(m, 64, KT4_CFG_ST_NOT_FOUND);
-        put32(m, 80, 12345);
-        kt4IpcReply(daemon, m.data(), static_cast<int>(m.size()));
-    });
-    kt4CfgRecord r = record(3, "host", "");
-    EXPECT_EQ(kt4CfgGetExact(client, &r), KT4_CFG_ST_OK);
-    EXPECT_STREQ(r.cmdLine, "hostname sw1");
-    EXPECT_EQ(r.commCfgData, 1u);
-    uint32_t lines = 0;
-    EXPECT_EQ(kt4CfgGetDBNumberOfLines(client, &lines), KT4_CFG_ST_NOT_FOUND);
-    EXPECT_EQ(lines, 12345u);
-    server.join();
-}
-
-TEST_F(CfgClient, BundlesTakeTheLargePathAndStopWhenFull) {
     kt4CfgBndl b;
     kt4CfgBndlInit(&b);
     kt4CfgRecord r = record(5, "key", "vlan 10");
@@ -335,9 +284,6 @@ TEST_F(CfgClient, DescriptionAndConfigurationSyncLines) {
     EXPECT_EQ(u32(m, 12), 42403u);
     EXPECT_EQ(u32(m, 60), 100u);
     EXPECT_EQ(u32(m, 80), 60u);
-    EXPECT_EQ(u32(m, 88), 8u);
-    EXPECT_EQ(u32(m, 96), 220u);
-    EXPECT_EQ(u32(m, 100), 5u);
     EXPECT_EQ(text_at(m, 104), "description to core");
 
     kt4CfgRecord r = record(4, "k", "mtu 9000");

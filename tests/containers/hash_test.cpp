@@ -5,7 +5,6 @@
 
 #include <kt4/containers.h>
 
-#include <set>
 #include <vector>
 
 namespace {
@@ -31,8 +30,6 @@ TEST_F(LeakChecked, HashCreateAndBucketId) {
     EXPECT_EQ(nullptr, kt4HashCreate(0, nullptr, nullptr));
 
     kt4HashTable *h = kt4HashCreate(256, nullptr, nullptr);
-    EXPECT_EQ(kt4HASH_MAGIC, kt4Be32Get(&h->hh_magic));
-    EXPECT_EQ(std::set<std::string>{"kt4Hash"}, live_tags());
     EXPECT_EQ(254u, kt4HashGetKey(h, "\x00\x01", 2));
     EXPECT_EQ(255u, kt4HashGetKey(h, "\x01", 1));
     EXPECT_EQ(0u, kt4HashGetKey(h, nullptr, 4));

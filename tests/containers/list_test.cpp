@@ -4,7 +4,6 @@
 #include <kt4/containers.h>
 
 #include <algorithm>
-#include <cstring>
 #include <random>
 #include <set>
 #include <vector>
@@ -33,9 +32,6 @@ std::vector<int> contents(kt4DLL *h) {
 TEST(List, SentinelHeadAndAssertions) {
     kt4DLL h;
     ASSERT_EQ(&h, kt4DLLInit(&h));
-    EXPECT_EQ(0, std::memcmp(&h.dll_magic, "\x5E\x7D\x15\xE7", 4));
-    EXPECT_EQ(&h.dll_tail, h.dll_head.next); // empty: first is the tail sentinel
-    EXPECT_EQ(&h.dll_head, h.dll_tail.prev);
     EXPECT_EQ(nullptr, kt4DLLGetFirst(&h));
     Item a{1, {}}, b{2, {}};
     kt4DLLInsertAtBack(&h, &a.link);
@@ -98,7 +94,6 @@ TEST_F(LeakChecked, FreeIndexDocumentedCases) {
     kt4FreeIndexList l;
     EXPECT_EQ(-1, kt4FreeIndexListInit(41, 40, kt4FreeIndexMalloc, kt4FreeIndexFree, &l));
     ASSERT_EQ(0, kt4FreeIndexListInit(1, 40, kt4FreeIndexMalloc, kt4FreeIndexFree, &l));
-    EXPECT_EQ(std::set<std::string>{"kt4FreeIndex"}, live_tags());
     EXPECT_EQ(0, kt4FreeIndexReserve(&l, 10));
     EXPECT_EQ((Ranges{{1, 9}, {11, 40}}), ranges(&l));
     EXPECT_EQ(0, kt4FreeIndexRelease(&l, 10));

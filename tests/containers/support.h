@@ -10,7 +10,6 @@
 #include <gtest/gtest.h>
 
 #include <cstdio>
-#include <set>
 #include <string>
 
 namespace ctrtest {
@@ -49,14 +48,6 @@ class LeakChecked : public ::testing::Test {
         EXPECT_EQ(0u, MCLiveCount()) << "memory not given back";
         gKT4MCOn = 0;
         MCReset();
-    }
-    static std::set<std::string> live_tags() {
-        std::set<std::string> tags;
-        auto add = [](const kt4mc_block_info *b, void *a) {
-            static_cast<std::set<std::string> *>(a)->insert(b->file);
-        };
-        MCForEach(add, &tags);
-        return tags;
     }
 };
 

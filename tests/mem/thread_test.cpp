@@ -83,12 +83,10 @@ TEST(SharedPartition, TwoTasksAllocateAndFreeAtOnce) {
     Worker a, b;
     a.tag = 0xA1;
     b.tag = 0xB2;
-    ASSERT_GT(taskSpawn("tMemChurnA", 100, 0, 0, churn, reinterpret_cast<kt4_arg_t>(&a), 0, 0, 0, 0,
-                        0, 0, 0, 0, 0),
-              0);
-    ASSERT_GT(taskSpawn("tMemChurnB", 100, 0, 0, churn, reinterpret_cast<kt4_arg_t>(&b), 0, 0, 0, 0,
-                        0, 0, 0, 0, 0),
-              0);
+    for (auto [name, w] : {std::pair{"tMemChurnA", &a}, {"tMemChurnB", &b}})
+        ASSERT_GT(taskSpawn(name, 100, 0, 0, churn, reinterpret_cast<kt4_arg_t>(w), 0, 0, 0, 0, 0,
+                            0, 0, 0, 0),
+                  0);
     ASSERT_TRUE(waitFor(a.done, 60000));
     ASSERT_TRUE(waitFor(b.done, 60000));
     EXPECT_EQ(0, a.errors.load());

@@ -26,7 +26,7 @@ class SharedMemory : public ::testing::Test {
     void SetUp() override { ASSERT_TRUE(kt4test::Card::get().up()); }
 };
 
-TEST_F(SharedMemory, FileNamesFollowTheCardsRoot) {
+TEST_F(SharedMemory, TheFileFollowsTheCardsRootAndIsMappedOncePerProcess) {
     const std::string root = kt4test::Card::get().root();
     EXPECT_EQ(root + "/KT4ShmMMap", kt4GetShmFileName(1));
     EXPECT_EQ(root + "/KT4ShmMMap.mem", kt4GetShmFileName(0));
@@ -34,9 +34,7 @@ TEST_F(SharedMemory, FileNamesFollowTheCardsRoot) {
     ASSERT_EQ(0, stat(kt4GetShmFileName(0), &st));
     EXPECT_GE(static_cast<size_t>(st.st_size), kt4test::kAreaBytes);
     EXPECT_EQ(0600u, st.st_mode & 0777u);
-}
 
-TEST_F(SharedMemory, MappedOncePerProcess) {
     void *block = kt4MC_MM_malloc(__FILE__, __LINE__, 64);
     ASSERT_NE(nullptr, block);
     EXPECT_EQ(KT4_SHM_BASE_ADDRESS, reinterpret_cast<uintptr_t>(block) & ~0xFFFFFFUL);
@@ -82,7 +80,7 @@ TEST_F(SharedMemory, TheHeapServesSeveralProcesses) {
     EXPECT_EQ(-1, kt4MC_MM_free(__FILE__, __LINE__, parent)) << "the child released it already";
 }
 
-TEST_F(SharedMemory, TheHeapRefusesPointersItDidNotHandOut) {
+TEST_F(SharedMemory, TheHeapRefusesPointersItDidNotHandOutAndMergesReleasedBlocks) {
     int local = 0;
     EXPECT_EQ(-1, kt4MC_MM_free(__FILE__, __LINE__, &local));
     auto *block = static_cast<char *>(kt4MC_MM_malloc(__FILE__, __LINE__, 256));
@@ -94,9 +92,7 @@ TEST_F(SharedMemory, TheHeapRefusesPointersItDidNotHandOut) {
     EXPECT_EQ(0, kt4MC_MM_free(__FILE__, __LINE__, nullptr));
     EXPECT_EQ(nullptr, kt4MC_MM_calloc(__FILE__, __LINE__, SIZE_MAX / 2, 4));
     EXPECT_EQ(nullptr, kt4MC_MM_malloc(__FILE__, __LINE__, kt4test::kAreaBytes));
-}
 
-TEST_F(SharedMemory, ReleasedBlocksMergeBack) {
     // Fill most of the heap with small blocks, release them in an order that leaves holes
     // between live blocks for a while, then ask for one block nearly as large as the heap.
     std::vector<void *> blocks;

@@ -66,18 +66,12 @@ TEST_F(RadixTree, APrefixIsHeldOnceAndLengthsAboveTheKeyAreRefused) {
     EXPECT_EQ(nullptr, e(1)->rth_rtn);
     EXPECT_EQ(1u, stats().userNodes);
     EXPECT_EQ(2u, stats().inserts);
-    errno = 0;
-    EXPECT_EQ(nullptr, add(2, "10.0.0.0", 33));
-    EXPECT_EQ(EINVAL, errno) << "a /33 in an IPv4 tree is refused with a reason";
+    KT4_EXPECT_ERRNO(EINVAL, nullptr, add(2, "10.0.0.0", 33)); // a /33 in an IPv4 tree
     EXPECT_EQ(nullptr, kt4RadixGetExact(t, r[0].addr, 33));
     r[3].rth.rth_addr = nullptr;
-    errno = 0;
-    EXPECT_EQ(nullptr, kt4RadixInsert(t, &r[3].rth, 16));
-    EXPECT_EQ(EINVAL, errno) << "an entry without key bytes is refused with a reason";
+    KT4_EXPECT_ERRNO(EINVAL, nullptr, kt4RadixInsert(t, &r[3].rth, 16)); // no key bytes
     EXPECT_EQ(2u, stats().inserts) << "refused inserts are not counted";
-    errno = 0;
-    EXPECT_EQ(ERROR, kt4RadixDestroy(t)) << "reported and kept: the tree is not empty";
-    EXPECT_EQ(ENOTEMPTY, errno);
+    KT4_EXPECT_ERRNO(ENOTEMPTY, ERROR, kt4RadixDestroy(t)); // reported and kept
     EXPECT_EQ(e(0), kt4RadixGetNext(t, nullptr, 0)) << "the kept tree is whole";
     // Checking off: the same operations on fresh records, without the argument checks.
     EXPECT_EQ(1, kt4RadixDebug(t, 0));

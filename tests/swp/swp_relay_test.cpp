@@ -1,7 +1,7 @@
 // A stream through the lossy relay (tools/kt4relay): a real UDP hop in both directions that
 // drops, duplicates, delays and reorders from a seeded generator. Every message must reach the
-// receiving application exactly once and in order, and the sender's retransmissions must
-// account for what the relay took away.
+// receiving application exactly once and in order, the sender's window must stay full until
+// the queue drains, and its retransmissions must account for what the relay took away.
 #include "swp_test_util.h"
 
 #include <arpa/inet.h>
@@ -67,16 +67,12 @@ void deliver(void *arg, const void *msg, int) {
     ++d->next;
 }
 
-TEST(SwpRelay, LossDuplicationAndReorderingLoseNothingAndRetransmissionsAccountForIt) {
-    card_up();
+using SwpRelay = SwpFixture;
+
+TEST_F(SwpRelay, LossDuplicationAndReorderingLoseNothingAndRetransmissionsAccountForIt) {
     const uint32_t n = env_u32("KT4_SWP_RELAY_MESSAGES", kDefaultMessages);
     const uint64_t seed = env_u32("KT4_SWP_RELAY_SEED", static_cast<uint32_t>(time(nullptr)));
-    const int sendSvc = fresh_service(), recvSvc = fresh_service();
-    const int key = kt4IpcOpen(sendSvc, 0);
-    ASSERT_GT(key, 0);
-    g_cb_status = -1;
-
-    Child child(recvSvc, [n](int rkey) {
+    Child child(recvSvc_, [n](int rkey) {
         Delivery d;
         kt4SwpRx *rx = kt4SwpRxCreate(rkey, 256, deliver, &d);
         unsigned char buf[2048];
@@ -104,47 +100,35 @@ TEST(SwpRelay, LossDuplicationAndReorderingLoseNothingAndRetransmissionsAccountF
     const uint32_t card = kt4IpcGetLocalCpuIpAddr();
     const uint32_t viaA = (127u << 24) | ((100u + id.chassis) << 16) | (id.slot << 8) | 1;
     const uint32_t viaB = viaA + 1;
-    const int ackPort = (key | KT4_IPC_QUEUE_RSP) & 0xFFFF;
-    const int dataPort = kt4_getQueueId(recvSvc, 0, KT4_IPC_QUEUE_REQ) & 0xFFFF;
-    kt4test::Process relay({KT4_RELAY_BIN,
-                            "--a",
-                            dotted(card),
-                            "--b",
-                            dotted(card),
-                            "--via-a",
-                            dotted(viaA),
-                            "--via-b",
-                            dotted(viaB),
-                            "--port",
-                            std::to_string(ackPort),
-                            "--port",
-                            std::to_string(dataPort),
-                            "--loss",
-                            "0.2",
-                            "--dup",
-                            "0.05",
-                            "--reorder",
-                            "0.05",
-                            "--delay",
-                            "0.01",
-                            "--delay-ms",
-                            "2",
-                            "--seed",
-                            std::to_string(seed)});
+    const int ackPort = (key_ | KT4_IPC_QUEUE_RSP) & 0xFFFF;
+    const int dataPort = kt4_getQueueId(recvSvc_, 0, KT4_IPC_QUEUE_REQ) & 0xFFFF;
+    // The relay's command line, as one would type it.
+    std::istringstream words(
+        "--a " + dotted(card) + " --b " + dotted(card) + " --via-a " + dotted(viaA) + " --via-b " +
+        dotted(viaB) + " --port " + std::to_string(ackPort) + " --port " +
+        std::to_string(dataPort) +
+        " --loss 0.2 --dup 0.05 --reorder 0.05 --delay 0.01 --delay-ms 2 --seed " +
+        std::to_string(seed));
+    std::vector<std::string> args{KT4_RELAY_BIN};
+    for (std::string w; words >> w;)
+        args.push_back(w);
+    kt4test::Process relay(args);
     ASSERT_TRUE(relay.wait_for("kt4relay: ready")) << relay.text();
     SCOPED_TRACE("relay " + relay.text().substr(0, relay.text().find('\n')));
 
-    uint32_t h = 0;
-    ASSERT_EQ(0u, kt4MwpQueueCreate_p(0, 0, 50, 255, sendSvc, 0, key, recvSvc, 0, 7000, nullptr,
-                                      nullptr, count_free, record_cb, 64, &h));
-    ASSERT_EQ(0u, kt4SwpSetQOption(h, KT4_SWP_OPT_RECEIVER_ADDR, viaB));
+    ASSERT_EQ(0u, kt4MwpQueueCreate_p(0, 0, 50, 255, sendSvc_, 0, key_, recvSvc_, 0, 7000, nullptr,
+                                      nullptr, count_free, record_cb, 64, &h_));
+    ASSERT_EQ(0u, kt4SwpSetQOption(h_, KT4_SWP_OPT_RECEIVER_ADDR, viaB));
     for (uint32_t i = 0; i < n; ++i)
-        ASSERT_EQ(0u, kt4SwpEnqueue(h, make_msg(160, i), 160));
+        ASSERT_EQ(0u, kt4SwpEnqueue(h_, make_msg(160, i), 160));
     kt4SwpQueueStatus s{};
+    kt4SwpGetQueueStatus(h_, &s);
+    EXPECT_EQ(n, s.curLen);
+    EXPECT_EQ(64u, s.inFlight); // the window is full, the rest waits
     EXPECT_TRUE(pump(
-        key | KT4_IPC_QUEUE_RSP,
+        key_ | KT4_IPC_QUEUE_RSP,
         [&] {
-            kt4SwpGetQueueStatus(h, &s);
+            kt4SwpGetQueueStatus(h_, &s);
             return s.curLen == 0;
         },
         240000));
@@ -156,8 +140,12 @@ TEST(SwpRelay, LossDuplicationAndReorderingLoseNothingAndRetransmissionsAccountF
 
     EXPECT_EQ(std::to_string(n) + " 0\n", got);
     EXPECT_EQ(-1, g_cb_status.load());
-    kt4SwpGetQueueStatus(h, &s);
+    kt4SwpGetQueueStatus(h_, &s);
     EXPECT_EQ(n, s.acks);
+    EXPECT_EQ(0u, s.inFlight);
+    EXPECT_EQ(0u, s.memUsed);
+    EXPECT_EQ(160u * n, s.maxMemUsed);
+    EXPECT_EQ(static_cast<int>(n), g_freed.load());
     // Every datagram the sender sent went through the relay; what the relay let through
     // covered each message at least once.
     EXPECT_EQ(uint64_t{n} + s.retrans - s.ipcFails, ab.received) << relay.text();
@@ -169,8 +157,6 @@ TEST(SwpRelay, LossDuplicationAndReorderingLoseNothingAndRetransmissionsAccountF
                 "dropped %lu duplicated; b->a %lu received %lu dropped\n",
                 n, s.retrans, s.timeouts, ab.received, ab.dropped, ab.duplicated, ba.received,
                 ba.dropped);
-    EXPECT_EQ(0u, kt4SwpQueueRemove(h));
-    kt4IpcClose(key);
 }
 
 } // namespace

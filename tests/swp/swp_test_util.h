@@ -24,13 +24,9 @@ namespace swptest {
 
 inline void card_up() {
     static bool up = [] {
-        kt4test::Card &card = kt4test::Card::get();
-        const kt4test::CardIdentity id = kt4test::card_identity();
-        setenv("KT4_CHASSIS_ID", std::to_string(id.chassis).c_str(), 1);
-        setenv("KT4_SLOT", std::to_string(id.slot).c_str(), 1);
         unsetenv("KT4_PLATFORM_TYPE");
         kt4CardReload();
-        return card.up() && kt4VxToBsdInit(1, 1) == OK;
+        return kt4test::Card::get().up() && kt4VxToBsdInit(1, 1) == OK;
     }();
     ASSERT_TRUE(up);
 }
@@ -70,6 +66,35 @@ inline uint64_t seq_of(const void *msg) {
 
 using kt4::load_be32;
 using kt4::store_be32;
+
+// A sender's endpoint (sendSvc_, key_) on the card, the counters of the callbacks cleared;
+// local_receiver() makes the receiver an endpoint of this process too. A queue left in h_ is
+// removed afterwards.
+class SwpFixture : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        card_up();
+        g_freed = 0;
+        g_cb_status = -1;
+        g_cb_buffer = nullptr;
+        sendSvc_ = fresh_service();
+        recvSvc_ = fresh_service();
+        key_ = kt4IpcOpen(sendSvc_, 0);
+        ASSERT_GT(key_, 0);
+    }
+    void TearDown() override {
+        if (h_ != 0) kt4SwpQueueRemove(h_);
+        if (recvKey_ > 0) kt4IpcClose(recvKey_);
+        kt4IpcClose(key_);
+    }
+    void local_receiver() {
+        recvKey_ = kt4IpcOpen(recvSvc_, 0);
+        ASSERT_GT(recvKey_, 0);
+    }
+
+    int sendSvc_ = 0, recvSvc_ = 0, key_ = -1, recvKey_ = -1;
+    uint32_t h_ = 0;
+};
 
 // One message from queue qid within ms: its length, or 0.
 inline int recv_within(int qid, void *buf, int size, int ms) {

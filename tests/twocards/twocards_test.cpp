@@ -1,6 +1,7 @@
 // Two simulated cards on one host, slots 0 and 1 of one chassis, each with its own product
 // directory and System V keys, brought up with kt4card and each running tmed. This process
 // is a task of card 0; card 1's tasks are other processes started with kt4card run.
+#include "common/kt4_be.h"
 #include "support/kt4_reserve.h"
 #include "support/kt4_support.h"
 
@@ -54,15 +55,11 @@ int key_offset(int i) {
 
 // kt4card with card i's identity, then words.
 std::vector<std::string> card_cmd(int i, const std::vector<std::string> &words) {
-    std::vector<std::string> cmd = {KT4_CARD_TOOL,
-                                    "--root",
-                                    g_card[i].root,
-                                    "--key-offset",
-                                    std::to_string(key_offset(i)),
-                                    "--slot",
-                                    std::to_string(g_card[i].slot),
-                                    "--chassis",
-                                    std::to_string(chassis())};
+    std::vector<std::string> cmd = {KT4_CARD_TOOL, "--root", g_card[i].root};
+    for (auto [flag, n] : {std::pair{"--key-offset", key_offset(i)},
+                           {"--slot", g_card[i].slot},
+                           {"--chassis", chassis()}})
+        cmd.insert(cmd.end(), {flag, std::to_string(n)});
     cmd.insert(cmd.end(), words.begin(), words.end());
     return cmd;
 }
@@ -275,17 +272,10 @@ std::vector<unsigned char> request(uint32_t transaction, int service, int instan
     kt4IpcHdrSet(m.data(), KT4_IPC_HDR_SRC_QID, port);
     kt4IpcHdrSet(m.data(), KT4_IPC_HDR_TGT_SLOT, 1);
     kt4IpcHdrSet(m.data(), KT4_IPC_HDR_TGT_ADDR, card_addr(1));
-    const uint32_t body[3] = {htonl(static_cast<uint32_t>(service)),
-                              htonl(static_cast<uint32_t>(instance)),
-                              htonl(static_cast<uint32_t>(slot))};
-    std::memcpy(m.data() + KT4_TME_PEER_REQ_SERVICE, body, sizeof body);
+    kt4::store_be32(&m[KT4_TME_PEER_REQ_SERVICE], static_cast<uint32_t>(service));
+    kt4::store_be32(&m[KT4_TME_PEER_REQ_SERVICE + 4], static_cast<uint32_t>(instance));
+    kt4::store_be32(&m[KT4_TME_PEER_REQ_SERVICE + 8], static_cast<uint32_t>(slot));
     return m;
-}
-
-uint32_t word_at(const std::vector<unsigned char> &m, size_t at) {
-    uint32_t v = 0;
-    std::memcpy(&v, m.data() + at, sizeof v);
-    return ntohl(v);
 }
 
 TEST_F(TwoCards, ManagerDropsMalformedRequestsAndKeepsAnswering) {
@@ -345,8 +335,8 @@ TEST_F(TwoCards, ManagerDropsMalformedRequestsAndKeepsAnswering) {
         EXPECT_EQ(kt4IpcHdrGet(r.data(), KT4_IPC_HDR_LENGTH), KT4_TME_PEER_RSP_LEN);
         EXPECT_EQ(kt4IpcHdrGet(r.data(), KT4_IPC_HDR_TRANSACTION), w.transaction);
         EXPECT_EQ(kt4IpcHdrGet(r.data(), KT4_IPC_HDR_TGT_QID), port);
-        EXPECT_EQ(word_at(r, KT4_TME_PEER_RSP_STATUS), w.status) << w.transaction;
-        EXPECT_EQ(word_at(r, KT4_TME_PEER_RSP_ADDR), w.address) << w.transaction;
+        EXPECT_EQ(kt4::load_be32(&r[KT4_TME_PEER_RSP_STATUS]), w.status) << w.transaction;
+        EXPECT_EQ(kt4::load_be32(&r[KT4_TME_PEER_RSP_ADDR]), w.address) << w.transaction;
     }
     EXPECT_TRUE(asker.recv(200).empty());
 
