@@ -1,10 +1,9 @@
 // The ground every family stands on: byte-order fields, the checked allocator and its
-// memory-check registry, the card identity and the tick source.
+// memory-check registry and the card identity (the tick source: tests/timer).
 #include "common/kt4_be.h"
 
 #include <kt4/common.h>
 #include <kt4/hostsim.h>
-#include <kt4/timer.h>
 
 #include <gtest/gtest.h>
 
@@ -86,7 +85,7 @@ TEST_F(CheckedAllocator, LeakReportNamesFileAndLine) {
     EXPECT_EQ(0u, MCGuardErrors());
 }
 
-TEST_F(CheckedAllocator, GuardCatchesOverrunDoubleFreeAndWrongKind) {
+TEST_F(CheckedAllocator, GuardCatchesOverrunAndWrongKindAndHugeRequestsFail) {
     char *p = static_cast<char *>(kt4MC_malloc("t", 1, 10));
     p[10] = 'x'; // one past the end lands in the guard
     kt4MC_free("t", 2, p);
@@ -103,9 +102,8 @@ TEST_F(CheckedAllocator, GuardCatchesOverrunDoubleFreeAndWrongKind) {
     kt4MC_free("t", 6, r);
     EXPECT_EQ(1u, MCUnknownFrees());
     EXPECT_EQ(0u, MCLiveCount());
-}
 
-TEST_F(CheckedAllocator, HugeRequestsFailCleanly) {
+    // Huge requests fail cleanly.
     EXPECT_EQ(nullptr, kt4MC_malloc("t", 1, SIZE_MAX - 10));
     EXPECT_EQ(nullptr, kt4MC_calloc("t", 1, SIZE_MAX / 2, 4));
     EXPECT_EQ(0u, MCLiveCount());
@@ -140,23 +138,6 @@ TEST(CardIdentity, EnvironmentThenSetters) {
     EXPECT_EQ(1, kt4CardCpu());
     EXPECT_EQ(1, kt4CardIsPrimaryRpm());
     EXPECT_EQ(0, KT4IsVirtualEnv());
-}
-
-TEST(TickSource, FiftyPerSecondAndSettable) {
-    EXPECT_EQ(50, sysClkRateGet());
-    uint64_t t0 = tick64Get();
-    struct timespec ts = {0, 100 * 1000 * 1000};
-    nanosleep(&ts, nullptr);
-    uint64_t dt = tick64Get() - t0;
-    EXPECT_GE(dt, 4u);
-    EXPECT_LE(dt, 50u);
-    tick64Set(1, 5);
-    uint64_t now = tick64Get();
-    EXPECT_GE(now, (1ull << 32) + 5);
-    EXPECT_LE(now, (1ull << 32) + 60);
-    tickSet(100);
-    EXPECT_LE(tickGet(), 160u);
-    EXPECT_GE(tickGet(), 100u);
 }
 
 } // namespace

@@ -6,7 +6,6 @@
 #include <gtest/gtest.h>
 
 #include <dirent.h>
-#include <sys/wait.h>
 
 #include <cerrno>
 #include <chrono>
@@ -46,7 +45,7 @@ bool bind_shared(uint32_t addr, uint16_t port, bool reusePort) {
     return ok;
 }
 
-TEST(IpcEndpoint, OpenIsIdempotentAndCloseFreesThePorts) {
+TEST(IpcEndpoint, OpenIsIdempotentKeepsSocketOptionsAndCloseFreesThePorts) {
     const int svc = fresh_service();
     const int key = kt4IpcOpen(svc, 3);
     ASSERT_EQ((svc << 7) | (3 << 2), key);
@@ -70,6 +69,37 @@ TEST(IpcEndpoint, OpenIsIdempotentAndCloseFreesThePorts) {
     RawSock sharer(port_of(svc, 3, 2), true);
     EXPECT_FALSE(sharer.bound());
 
+    // The sockets' buffer limits and broadcast: what the socket reports back is kept (the host
+    // may round or double it).
+    int err = -1;
+    EXPECT_GE(kt4IpcGetRecvBufferLimit(key | 1, &err), 129024);
+    EXPECT_EQ(0, err);
+    EXPECT_GE(kt4IpcGetSendBufferLimit(key | 1, &err), 32768);
+    ASSERT_EQ(0, kt4IpcSetRecvBufferLimit(key | 1, 65536, &err));
+    const int rcv = kt4IpcGetRecvBufferLimit(key | 1, &err);
+    EXPECT_GE(rcv, 65536);
+    EXPECT_LT(rcv, 129024 * 2);
+    ASSERT_EQ(0, kt4IpcSetSendBufferLimit(key | 1, 16384, &err));
+    EXPECT_GE(kt4IpcGetSendBufferLimit(key | 1, &err), 16384);
+    EXPECT_LT(kt4IpcGetSendBufferLimit(key | 1, &err), 32768 * 2);
+    ASSERT_EQ(0, kt4IpcSetRecvBufferLimitOfRspQ(key, 70000, &err));
+    EXPECT_GE(kt4IpcGetRecvBufferLimit(key | 2, &err), 70000);
+
+    auto broadcast = [&] {
+        int on = -1;
+        socklen_t len = sizeof on;
+        getsockopt(Key_getSocketFd(key | 1), SOL_SOCKET, SO_BROADCAST, &on, &len);
+        return on;
+    };
+    ASSERT_EQ(0, kt4IpcEnableBroadcast(key | 1, &err));
+    EXPECT_EQ(1, broadcast());
+    ASSERT_EQ(0, kt4IpcDisableBroadcast(key | 1, &err));
+    EXPECT_EQ(0, broadcast());
+
+    EXPECT_EQ(-1, kt4IpcGetRecvBufferLimit(key | 3, &err)); // no timer queue yet
+    EXPECT_EQ(EBADF, err);
+    EXPECT_EQ(-1, kt4IpcEnableBroadcast(key | 3, &err));
+
     EXPECT_EQ(key, kt4IpcTmrOpen(svc, 3));
     EXPECT_EQ(key | 3, Key_getTmrQueue(key));
     EXPECT_GE(Key_getSocketFd(key | 3), 0);
@@ -83,11 +113,21 @@ TEST(IpcEndpoint, OpenIsIdempotentAndCloseFreesThePorts) {
         EXPECT_TRUE(after.bound()) << "kind " << kind;
     }
     EXPECT_EQ(-1, kt4IpcClose(key)); // never opened again
+    EXPECT_EQ(-1, kt4IpcSetRecvBufferLimit(key | 1, 65536, &err));
     EXPECT_EQ(-1, kt4IpcClose(12 << 7));
     EXPECT_EQ(-1, kt4IpcClose(364 << 7));
-    // An endpoint can be opened again after its close.
+    // An endpoint can be opened again after its close. A process's clean-up forgets it but
+    // leaves its sockets open (they may be another process's after a fork).
     EXPECT_EQ(key, kt4IpcOpen(svc, 3));
-    EXPECT_EQ(0, kt4IpcClose(key));
+    const int fd = Key_getSocketFd(key | 1), rspFd = Key_getSocketFd(key | 2);
+    kt4IpcProcessCleanup(key);
+    EXPECT_EQ(0, kt4IpcIsOpen(svc, 3));
+    EXPECT_EQ(-1, Key_getSocketFd(key | 1));
+    int type = 0;
+    socklen_t len = sizeof type;
+    EXPECT_EQ(0, getsockopt(fd, SOL_SOCKET, SO_TYPE, &type, &len)); // still open
+    ::close(fd);
+    ::close(rspFd);
 }
 
 TEST(IpcEndpoint, OpenRefusesRecordsThisProcessDoesNotHold) {
@@ -141,71 +181,26 @@ TEST(IpcEndpoint, AnotherUserCannotBindAnOpenQueue) {
     ASSERT_GT(key, 0);
     ASSERT_EQ(key, kt4IpcTmrOpen(svc, 4));
     const uint32_t addr = kt4IpcGetLocalCpuIpAddr();
-    std::fflush(nullptr);
-    pid_t pid = fork();
-    ASSERT_GE(pid, 0);
-    if (pid == 0) {
+    pid_t pid = kt4test::fork_child([&] {
         // Any user of the host: nobody (an unprivileged run is already another user's
         // process). Every way of asking to share the port must fail.
-        if (geteuid() == 0 && (setgid(65534) != 0 || setuid(65534) != 0)) _exit(100);
-        int bound = 0;
-        for (int kind = 1; kind <= 3; ++kind) {
-            const uint16_t port = port_of(svc, 4, kind);
-            bound += bind_shared(addr, port, false);
-            bound += bind_shared(addr, port, true);
-            bound += bind_shared(INADDR_ANY, port, false);
-            bound += bind_shared(INADDR_ANY, port, true);
-        }
-        _exit(bound);
-    }
-    int status = 0;
-    ASSERT_EQ(pid, waitpid(pid, &status, 0));
-    ASSERT_TRUE(WIFEXITED(status));
-    EXPECT_EQ(0, WEXITSTATUS(status)) << "binds that succeeded";
+        if (geteuid() == 0 && (setgid(65534) != 0 || setuid(65534) != 0)) return false;
+        for (int kind = 1; kind <= 3; ++kind)
+            for (uint32_t a : {addr, uint32_t{INADDR_ANY}})
+                if (bind_shared(a, port_of(svc, 4, kind), false) ||
+                    bind_shared(a, port_of(svc, 4, kind), true))
+                    return false;
+        return true;
+    });
+    ASSERT_GE(pid, 0);
+    EXPECT_EQ(0, kt4test::wait_child(pid)) << "a bind succeeded";
     // The queue still gets its traffic.
     RawSock peer(0);
-    unsigned char m[60] = {};
-    kt4IpcHdrSet(m, KT4_IPC_HDR_MAGIC, KT4_IPC_MAGIC);
-    ASSERT_EQ(60, peer.send_to(port_of(svc, 4, 1), m, sizeof m));
+    auto m = ipctest::on_wire(std::vector<unsigned char>(60));
+    ASSERT_EQ(60, peer.send_to(port_of(svc, 4, 1), m.data(), m.size()));
     unsigned char in[128];
     EXPECT_EQ(60, kt4IpcRecv(key | 1, in, sizeof in, 2, 0, 0));
     EXPECT_EQ(0, kt4IpcClose(key));
-}
-
-TEST(IpcEndpoint, BufferLimitsAndBroadcastAreKeptInTheLink) {
-    const int svc = fresh_service();
-    const int key = kt4IpcOpen(svc, 0);
-    ASSERT_GT(key, 0);
-    int err = -1;
-    // What the socket reports back is kept (the host may round or double it).
-    EXPECT_GE(kt4IpcGetRecvBufferLimit(key | 1, &err), 129024);
-    EXPECT_EQ(0, err);
-    EXPECT_GE(kt4IpcGetSendBufferLimit(key | 1, &err), 32768);
-    ASSERT_EQ(0, kt4IpcSetRecvBufferLimit(key | 1, 65536, &err));
-    const int rcv = kt4IpcGetRecvBufferLimit(key | 1, &err);
-    EXPECT_GE(rcv, 65536);
-    EXPECT_LT(rcv, 129024 * 2);
-    ASSERT_EQ(0, kt4IpcSetSendBufferLimit(key | 1, 16384, &err));
-    EXPECT_GE(kt4IpcGetSendBufferLimit(key | 1, &err), 16384);
-    EXPECT_LT(kt4IpcGetSendBufferLimit(key | 1, &err), 32768 * 2);
-    ASSERT_EQ(0, kt4IpcSetRecvBufferLimitOfRspQ(key, 70000, &err));
-    EXPECT_GE(kt4IpcGetRecvBufferLimit(key | 2, &err), 70000);
-
-    int on = 0;
-    socklen_t len = sizeof on;
-    ASSERT_EQ(0, kt4IpcEnableBroadcast(key | 1, &err));
-    ASSERT_EQ(0, kt4IpcEnableBroadcast(key | 1, &err));
-    getsockopt(Key_getSocketFd(key | 1), SOL_SOCKET, SO_BROADCAST, &on, &len);
-    EXPECT_EQ(1, on);
-    ASSERT_EQ(0, kt4IpcDisableBroadcast(key | 1, &err));
-    getsockopt(Key_getSocketFd(key | 1), SOL_SOCKET, SO_BROADCAST, &on, &len);
-    EXPECT_EQ(0, on);
-
-    EXPECT_EQ(-1, kt4IpcGetRecvBufferLimit(key | 3, &err)); // no timer queue
-    EXPECT_EQ(EBADF, err);
-    EXPECT_EQ(-1, kt4IpcEnableBroadcast(key | 3, &err));
-    EXPECT_EQ(0, kt4IpcClose(key));
-    EXPECT_EQ(-1, kt4IpcSetRecvBufferLimit(key | 1, 65536, &err));
 }
 
 TEST(IpcEndpoint, BindRetriesWhileThePortIsHeld) {
@@ -231,22 +226,6 @@ TEST(IpcEndpoint, BindRetriesWhileThePortIsHeld) {
     release.join();
     EXPECT_EQ((svc << 7) | (2 << 2), key);
     EXPECT_EQ(0, kt4IpcClose(key));
-}
-
-TEST(IpcEndpoint, ProcessCleanupForgetsButDoesNotClose) {
-    const int svc = fresh_service();
-    const int key = kt4IpcOpen(svc, 5);
-    ASSERT_GT(key, 0);
-    const int fd = Key_getSocketFd(key | 1);
-    const int rspFd = Key_getSocketFd(key | 2);
-    kt4IpcProcessCleanup(key);
-    EXPECT_EQ(0, kt4IpcIsOpen(svc, 5));
-    EXPECT_EQ(-1, Key_getSocketFd(key | 1));
-    int type = 0;
-    socklen_t len = sizeof type;
-    EXPECT_EQ(0, getsockopt(fd, SOL_SOCKET, SO_TYPE, &type, &len)); // still open
-    ::close(fd);
-    ::close(rspFd);
 }
 
 } // namespace

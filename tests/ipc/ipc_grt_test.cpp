@@ -41,15 +41,9 @@ class Grt : public ::testing::Test {
     }
     // An acknowledgement of msg as its receiver would send it to A's response queue.
     static void ack(const RawSock &s, const std::vector<unsigned char> &msg, uint32_t cmd) {
-        std::vector<unsigned char> a(60, 0);
-        kt4IpcHdrSet(a.data(), KT4_IPC_HDR_MAGIC, KT4_IPC_MAGIC);
-        kt4IpcHdrSet(a.data(), KT4_IPC_HDR_CMD_TYPE, cmd);
-        for (auto f : {KT4_IPC_HDR_GRT_TAG, KT4_IPC_HDR_MSG_TYPE, KT4_IPC_HDR_TRANSACTION})
-            kt4IpcHdrSet(a.data(), f, kt4IpcHdrGet(msg.data(), f));
-        std::memcpy(a.data() + 36, msg.data() + 48, 12);
-        std::memcpy(a.data() + 48, msg.data() + 36, 12);
+        auto a = ipctest::ack_of(msg, cmd);
         s.send_to(static_cast<uint16_t>(kt4IpcHdrGet(msg.data(), KT4_IPC_HDR_SRC_QID)), a.data(),
-                  60);
+                  a.size());
     }
     int svcA = 0, svcB = 0, keyA = -1, keyB = -1;
 };
@@ -83,15 +77,13 @@ TEST_F(Grt, DecisionRulesInTheirOrder) {
     EXPECT_EQ(0u, kt4IsIpcGuaranteedEnabled());
     EXPECT_EQ(0, kt4ShdIpcBeGuaranteed(yes.data(), keyA));
     kt4IpcGuaranteedEnDis(1);
-}
 
-TEST_F(Grt, SourceService334MayBeGuaranteed) {
     // 334 is refused as a target only. Its queue ids fall on the large-instance ports, so
     // this process must own the endpoint (334, 0) for the check of the source to pass.
     const int key334 = kt4IpcOpen(334, 0);
     ASSERT_EQ(334 << 7, key334);
-    auto m = make_msg(80, 1, 1, 334, 0, svcB, 0);
-    EXPECT_EQ(1, kt4ShdIpcBeGuaranteed(m.data(), key334));
+    auto from334 = make_msg(80, 1, 1, 334, 0, svcB, 0);
+    EXPECT_EQ(1, kt4ShdIpcBeGuaranteed(from334.data(), key334));
     kt4IpcClose(key334);
 }
 
@@ -127,9 +119,7 @@ TEST_F(Grt, AcknowledgedByTheReceiverWithAdvancingTags) {
     auto p = make_msg(100, 70, 9, svcA, 1, svcB, 0);
     EXPECT_EQ(100, kt4IpcNonGuaranteedSend(keyA, p.data(), 100));
     EXPECT_EQ(1u, stats_to(svcB, 0).plainSends);
-    testing::internal::CaptureStdout();
-    getProcessIPCGStats();
-    std::string out = testing::internal::GetCapturedStdout();
+    std::string out = kt4test::stdout_of(getProcessIPCGStats);
     EXPECT_NE(std::string::npos, out.find("Guaranteed IPC: enabled"));
     EXPECT_NE(std::string::npos, out.find(std::to_string(keyA)));
 }

@@ -23,6 +23,7 @@ namespace {
 
 using ipctest::fresh_service;
 using ipctest::make_msg;
+using ipctest::on_wire;
 using ipctest::port_of;
 using ipctest::RawSock;
 using ipctest::seconds_since;
@@ -98,51 +99,31 @@ TEST_F(IpcPair, CutAndLyingDatagramsAreReported) {
     RawSock peer(0);
     const uint16_t to = port_of(svcB, 2, 1);
     // Longer than the caller's buffer: its first bytes arrive, with EMSGSIZE to say so.
-    auto big = a_to_b(65507, 5, 5);
-    kt4IpcHdrSet(big.data(), KT4_IPC_HDR_MAGIC, KT4_IPC_MAGIC);
+    auto big = on_wire(a_to_b(65507, 5, 5));
     ASSERT_EQ(65507, peer.send_to(to, big.data(), big.size()));
     std::vector<unsigned char> buf(2048);
     KT4_EXPECT_ERRNO(EMSGSIZE, -1, kt4IpcRecv(keyB | 1, buf.data(), 2048, 1, 0, 0));
     EXPECT_EQ(0, std::memcmp(buf.data(), big.data(), 2048));
     EXPECT_EQ(65507u, kt4IpcHdrGet(buf.data(), KT4_IPC_HDR_LENGTH));
     // Padding after a message that fits is no loss: the bytes that arrived, no error.
-    auto padded = a_to_b(3000, 5, 4);
-    kt4IpcHdrSet(padded.data(), KT4_IPC_HDR_MAGIC, KT4_IPC_MAGIC);
+    auto padded = on_wire(a_to_b(3000, 5, 4));
     kt4IpcHdrSet(padded.data(), KT4_IPC_HDR_LENGTH, 100);
     ASSERT_EQ(3000, peer.send_to(to, padded.data(), padded.size()));
     EXPECT_EQ(2048, kt4IpcRecv(keyB | 1, buf.data(), 2048, 1, 0, 0));
 
     // A header that claims more bytes than its datagram carries is no message: dropped.
-    auto liar = a_to_b(100, 5, 6), honest = a_to_b(100, 5, 7);
-    kt4IpcHdrSet(liar.data(), KT4_IPC_HDR_MAGIC, KT4_IPC_MAGIC);
+    auto liar = on_wire(a_to_b(100, 5, 6)), honest = on_wire(a_to_b(100, 5, 7));
     kt4IpcHdrSet(liar.data(), KT4_IPC_HDR_LENGTH, 101);
-    kt4IpcHdrSet(honest.data(), KT4_IPC_HDR_MAGIC, KT4_IPC_MAGIC);
     ASSERT_EQ(100, peer.send_to(to, liar.data(), 100));
     unsigned char junk[60] = {};
     ASSERT_EQ(2, peer.send_to(to, junk, 2)); // far too short
     // An acknowledgement on the request queue is no message either.
-    auto ack = a_to_b(60, 5, 7);
-    kt4IpcHdrSet(ack.data(), KT4_IPC_HDR_MAGIC, KT4_IPC_MAGIC);
+    auto ack = on_wire(a_to_b(60, 5, 7));
     kt4IpcHdrSet(ack.data(), KT4_IPC_HDR_CMD_TYPE, KT4_IPC_CMD_GUARANTEED_ACK);
     ASSERT_EQ(60, peer.send_to(to, ack.data(), 60));
     ASSERT_EQ(100, peer.send_to(to, honest.data(), 100));
     ASSERT_EQ(100, kt4IpcRecv(keyB | 1, buf.data(), 2048, 1, 5, 7));
     EXPECT_EQ(0, kt4IpcGetNumMsgs(keyB | 1));
-
-    // A reply longer than the send-and-wait buffer: the same.
-    std::thread server([&] {
-        std::vector<unsigned char> in(512);
-        int n = kt4IpcRecv(keyB | 1, in.data(), 512, 3, 0, 0);
-        if (n < 60) return;
-        kt4IpcHdrSet(in.data(), KT4_IPC_HDR_LENGTH, 400);
-        kt4IpcReply(keyB, in.data(), 400);
-    });
-    auto req = a_to_b(100, 8, 8);
-    KT4_EXPECT_ERRNO(EMSGSIZE, -1, kt4IpcSendWait(keyA, req.data(), 100, 3, 8, 8));
-    server.join();
-    EXPECT_EQ(static_cast<uint32_t>(KT4_IPC_CMD_RSP),
-              kt4IpcHdrGet(req.data(), KT4_IPC_HDR_CMD_TYPE));
-    EXPECT_EQ(400u, kt4IpcHdrGet(req.data(), KT4_IPC_HDR_LENGTH));
 }
 
 // Sum of the counts in the "... N suppressed" lines of a ring text.
@@ -160,6 +141,7 @@ TEST_F(IpcPair, FloodOfBadDatagramsLeavesTheTraceRingItsHistory) {
     RawSock peer(0);
     const uint16_t to = port_of(svcB, 2, 1);
     constexpr int kJunk = 4000; // more than the ring's 3000 slots
+    const auto good = on_wire(a_to_b(60, 1, 1));
     std::thread flood([&] {
         unsigned char junk[60] = {};
         for (int i = 0; i < kJunk; ++i) {
@@ -175,8 +157,6 @@ TEST_F(IpcPair, FloodOfBadDatagramsLeavesTheTraceRingItsHistory) {
             for (int w = 0; i % 100 == 99 && w < 25000 && kt4IpcGetNumMsgs(keyB | 1) > 0; ++w)
                 ::usleep(200);
         }
-        auto good = a_to_b(60, 1, 1);
-        kt4IpcHdrSet(good.data(), KT4_IPC_HDR_MAGIC, KT4_IPC_MAGIC);
         peer.send_to(to, good.data(), 60);
     });
     std::vector<unsigned char> buf(256);
@@ -191,20 +171,15 @@ TEST_F(IpcPair, FloodOfBadDatagramsLeavesTheTraceRingItsHistory) {
         unsigned char junk[8] = {static_cast<unsigned char>(i)};
         peer.send_to(to, junk, 1 + static_cast<size_t>(i % 7));
         ++extra;
-        auto good = a_to_b(60, 1, 1);
-        kt4IpcHdrSet(good.data(), KT4_IPC_HDR_MAGIC, KT4_IPC_MAGIC);
         peer.send_to(to, good.data(), 60);
         kt4TracePrintOn();
-        testing::internal::CaptureStdout();
-        EXPECT_EQ(60, kt4IpcRecv(keyB | 1, buf.data(), 256, 2, 0, 0));
-        resumed = testing::internal::GetCapturedStdout();
+        resumed = kt4test::stdout_of(
+            [&] { EXPECT_EQ(60, kt4IpcRecv(keyB | 1, buf.data(), 256, 2, 0, 0)); });
         kt4TracePrintOff();
     }
     EXPECT_NE(std::string::npos, resumed.find("suppressed")) << resumed;
 
-    testing::internal::CaptureStdout();
-    kt4TraceDisplaySoftware();
-    const std::string ring = testing::internal::GetCapturedStdout();
+    const std::string ring = kt4test::stdout_of(kt4TraceDisplaySoftware);
     const size_t from = ring.rfind(mark); // this round's mark under --gtest_repeat
     ASSERT_NE(std::string::npos, from) << "the flood overwrote the ring";
     const std::string after = ring.substr(from);
@@ -227,11 +202,19 @@ TEST_F(IpcPair, ReplyByExchangeAndSendWait) {
         if (kt4IpcReply(keyB, other.data(), n) != n) return;
         in[60] = 'R';
         ok = kt4IpcReply(keyB, in.data(), n) == n;
+        // Then a reply longer than the waiter's buffer.
+        if (kt4IpcRecv(keyB | 1, in.data(), 512, 3, 0, 0) < 60) return;
+        kt4IpcHdrSet(in.data(), KT4_IPC_HDR_LENGTH, 400);
+        kt4IpcReply(keyB, in.data(), 400);
     });
     auto req = a_to_b(200, 31, 5);
     req[60] = 'Q';
     int n = kt4IpcSendWait(keyA, req.data(), 200, 3, 31, 5);
+    // Longer than the buffer: its first bytes arrive, with EMSGSIZE to say so.
+    auto small = a_to_b(100, 8, 8);
+    KT4_EXPECT_ERRNO(EMSGSIZE, -1, kt4IpcSendWait(keyA, small.data(), 100, 3, 8, 8));
     server.join();
+    EXPECT_EQ(400u, kt4IpcHdrGet(small.data(), KT4_IPC_HDR_LENGTH));
     ASSERT_TRUE(ok);
     ASSERT_EQ(200, n);
     EXPECT_EQ('R', req[60]);
@@ -243,7 +226,7 @@ TEST_F(IpcPair, ReplyByExchangeAndSendWait) {
     EXPECT_EQ(static_cast<uint32_t>(keyA | 2), kt4IpcHdrGet(req.data(), KT4_IPC_HDR_TGT_QID));
 }
 
-TEST_F(IpcPair, SendWaitTimesOutOrPollsOnce) {
+TEST_F(IpcPair, SendWaitTimesOutPollsOnceOrRetries) {
     auto req = a_to_b(64, 3, 3);
     auto t0 = Clock::now();
     KT4_EXPECT_ERRNO(ETIMEDOUT, -1, kt4IpcSendWait(keyA, req.data(), 64, 1, 3, 3));
@@ -264,13 +247,12 @@ TEST_F(IpcPair, SendWaitTimesOutOrPollsOnce) {
     kt4IpcSetTargetHeaderToRspQ(rsp.data(), kt4IpcGetLocalCpuIpAddr(), 0, svcA, 1);
     ASSERT_EQ(64, kt4IpcNonGuaranteedSend(keyB, rsp.data(), 64));
     EXPECT_EQ(64, kt4IpcSendWait(keyA, req.data(), 64, 0, 3, 3));
-}
 
-TEST_F(IpcPair, SendWaitWithRetryResendsUpToRetriesMoreTimes) {
+    // With retries: sent up to retries more times; negative retries send nothing.
     const int svcX = fresh_service();
     RawSock target(port_of(svcX, 0, 1));
     ASSERT_TRUE(target.bound());
-    auto req = make_msg(64, 9, 1, svcA, 1, svcX, 0);
+    req = make_msg(64, 9, 1, svcA, 1, svcX, 0);
     std::vector<unsigned char> reply(64);
     EXPECT_EQ(-1, kt4IpcSendWaitWithRetry(keyA, req.data(), reply.data(), 64, 64, 0, 9, 1, -1));
     EXPECT_TRUE(target.recv(50).empty()); // negative retries: nothing sent
@@ -319,21 +301,6 @@ bool readable(int queueId) {
     return ::select(fd + 1, &in, nullptr, nullptr, &limit) == 1;
 }
 
-TEST_F(IpcPair, PeekLooksWithoutTaking) {
-    std::vector<unsigned char> buf(256);
-    KT4_EXPECT_ERRNO(EAGAIN, -1, kt4IpcPeekMsg(keyB | 1, buf.data(), 256));
-    auto m = a_to_b(77, 1, 2);
-    ASSERT_EQ(77, kt4IpcNonGuaranteedSend(keyA, m.data(), 77));
-    ASSERT_TRUE(readable(keyB | 1));
-    EXPECT_EQ(77, kt4IpcPeekMsg(keyB | 1, buf.data(), 256));
-    EXPECT_EQ(77, kt4IpcRecv(keyB | 1, buf.data(), 256, 1, 1, 2));
-    RawSock peer(0);
-    unsigned char junk[70] = {};
-    peer.send_to(port_of(svcB, 2, 1), junk, sizeof junk);
-    ASSERT_TRUE(readable(keyB | 1));
-    KT4_EXPECT_ERRNO(EBADMSG, -1, kt4IpcPeekMsg(keyB | 1, buf.data(), 256));
-}
-
 std::atomic<int> notified_key{0};
 std::atomic<int> notified_calls{0};
 void note(void *arg, int key) {
@@ -341,18 +308,27 @@ void note(void *arg, int key) {
     notified_calls += *static_cast<int *>(arg);
 }
 
-TEST_F(IpcPair, NotifierIsCalledBeforeEveryWait) {
+TEST_F(IpcPair, PeekLooksWithoutTakingAndTheNotifierPrecedesEveryWait) {
+    std::vector<unsigned char> buf(256);
+    KT4_EXPECT_ERRNO(EAGAIN, -1, kt4IpcPeekMsg(keyB | 1, buf.data(), 256));
+    auto other = a_to_b(60, 1, 1), m = a_to_b(77, 1, 2);
+    ASSERT_EQ(60, kt4IpcNonGuaranteedSend(keyA, other.data(), 60));
+    ASSERT_EQ(77, kt4IpcNonGuaranteedSend(keyA, m.data(), 77));
+    ASSERT_TRUE(readable(keyB | 1));
+    EXPECT_EQ(60, kt4IpcPeekMsg(keyB | 1, buf.data(), 256));
     int weight = 1;
     notified_calls = 0;
     kt4IpcInstallRecvNotifier(note, &weight);
-    auto other = a_to_b(60, 1, 1), m = a_to_b(60, 2, 2);
-    ASSERT_EQ(60, kt4IpcNonGuaranteedSend(keyA, other.data(), 60));
-    ASSERT_EQ(60, kt4IpcNonGuaranteedSend(keyA, m.data(), 60));
-    std::vector<unsigned char> buf(64);
-    ASSERT_EQ(60, kt4IpcRecv(keyB | 1, buf.data(), 64, 1, 2, 2));
+    EXPECT_EQ(77, kt4IpcRecv(keyB | 1, buf.data(), 256, 1, 1, 2));
     kt4IpcInstallRecvNotifier(nullptr, nullptr);
     EXPECT_EQ(keyB, notified_key.load());
     EXPECT_EQ(2, notified_calls.load()); // one wait per datagram taken
+
+    RawSock peer(0);
+    unsigned char junk[70] = {};
+    peer.send_to(port_of(svcB, 2, 1), junk, sizeof junk);
+    ASSERT_TRUE(readable(keyB | 1));
+    KT4_EXPECT_ERRNO(EBADMSG, -1, kt4IpcPeekMsg(keyB | 1, buf.data(), 256));
 }
 
 TEST_F(IpcPair, HistoryRingKeepsTheNewestAndDumps) {
@@ -364,14 +340,12 @@ TEST_F(IpcPair, HistoryRingKeepsTheNewestAndDumps) {
         ASSERT_EQ(100, kt4IpcNonGuaranteedSend(keyA, m.data(), 100));
         ASSERT_EQ(100, kt4IpcRecv(keyB | 1, buf.data(), 256, 1, 0, 0));
     }
-    testing::internal::CaptureStdout();
-    printIpcHistoryLogging();
-    dumpIpcHistoryLogging(0, 3);
-    dumpIpcHistoryLogging(0, 4);
-    std::string out = testing::internal::GetCapturedStdout();
-    EXPECT_NE(std::string::npos, out.find("History enabled: TRUE\r\n"));
+    std::string out = kt4test::stdout_of([] {
+        printIpcHistoryLogging();
+        dumpIpcHistoryLogging(0, 3);
+        dumpIpcHistoryLogging(0, 4);
+    });
     EXPECT_NE(std::string::npos, out.find("Max log entries: 4, Max entry len: 80\r\n"));
-    EXPECT_NE(std::string::npos, out.find("Start index: 0, End Index: 3\r\n"));
     EXPECT_NE(std::string::npos, out.find("Total entries captured: 12\r\n\n"));
     char want[128];
     std::snprintf(want, sizeof want, "Src: %d/0x%x/%d Dst: %d/0x%x/%d Len 100\r\n", kt4CardSlot(),
@@ -388,9 +362,7 @@ TEST_F(IpcPair, HistoryRingKeepsTheNewestAndDumps) {
         ASSERT_EQ(100, kt4IpcNonGuaranteedSend(keyA, m.data(), 100));
         ASSERT_EQ(100, kt4IpcRecv(keyB | 1, buf.data(), 256, 1, 0, 0));
     }
-    testing::internal::CaptureStdout();
-    dumpIpcHistoryLogging(0, 7);
-    out = testing::internal::GetCapturedStdout();
+    out = kt4test::stdout_of([] { dumpIpcHistoryLogging(0, 7); });
     EXPECT_NE(std::string::npos, out.find("Total entries captured: 2\r\n\n"));
     EXPECT_NE(std::string::npos, out.find("Got invalid ptr in record 2\r\n"));
     kt4DisableIpcHistoryLogging();

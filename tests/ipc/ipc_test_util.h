@@ -64,6 +64,26 @@ inline std::vector<unsigned char> make_msg(int len, uint32_t type, uint32_t tran
     return m;
 }
 
+// The same message as it travels on the wire (the send path sets the magic): for raw sockets.
+inline std::vector<unsigned char> on_wire(std::vector<unsigned char> m) {
+    kt4IpcHdrSet(m.data(), KT4_IPC_HDR_MAGIC, KT4_IPC_MAGIC);
+    return m;
+}
+
+// The acknowledgement (command cmd) of msg as its receiver sends it: the header alone, with the
+// message's tag, type and transaction, and the two triples exchanged.
+inline std::vector<unsigned char> ack_of(const std::vector<unsigned char> &msg, uint32_t cmd) {
+    std::vector<unsigned char> a(KT4_IPC_HDR_LEN, 0);
+    kt4IpcHdrSet(a.data(), KT4_IPC_HDR_MAGIC, KT4_IPC_MAGIC);
+    kt4IpcHdrSet(a.data(), KT4_IPC_HDR_CMD_TYPE, cmd);
+    kt4IpcHdrSet(a.data(), KT4_IPC_HDR_LENGTH, KT4_IPC_HDR_LEN);
+    for (auto f : {KT4_IPC_HDR_GRT_TAG, KT4_IPC_HDR_MSG_TYPE, KT4_IPC_HDR_TRANSACTION})
+        kt4IpcHdrSet(a.data(), f, kt4IpcHdrGet(msg.data(), f));
+    std::memcpy(a.data() + 36, msg.data() + 48, 12);
+    std::memcpy(a.data() + 48, msg.data() + 36, 12);
+    return a;
+}
+
 // A plain UDP socket bound on the card's address at a port (the other end of a test).
 struct RawSock : kt4test::UdpPeer {
     explicit RawSock(uint16_t port, bool reuse = true)

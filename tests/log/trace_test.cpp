@@ -69,7 +69,7 @@ void msg(int kind, int module, const char *format, ...) {
 const std::string kStamp =
     R"(\[([1-9]|1[0-2])/([1-9]|[12][0-9]|3[01]) ([0-9]|1[0-9]|2[0-3]):([0-9]|[1-5][0-9]):([0-9]|[1-5][0-9]|60)\] )";
 
-TEST_F(Trace, EveryKindHasItsExactLine) {
+TEST_F(Trace, EveryKindHasItsExactLineAndATaskIsNamed) {
     kt4CardSetSlot(3);
     kt4TracePrintOn();
     kt4test::CaptureStdout out;
@@ -85,6 +85,14 @@ TEST_F(Trace, EveryKindHasItsExactLine) {
     msg(7, kFormatModule, "no such kind");
     msg(17, kFormatModule, "no such kind");
     kt4TracePrintf(500, "unknown module");
+    // A task is named in its lines.
+    ASSERT_EQ(OK, vx2bsdLibInit());
+    std::atomic<bool> done{false};
+    ASSERT_NE(ERROR, kt4test::spawn_task("tTracer", 100, [&] {
+                  kt4TracePrintf(kFormatModule, "from a task");
+                  done = true;
+              }));
+    ASSERT_TRUE(kt4test::eventually([&] { return done.load(); }, 10000));
     std::string text = out.text();
     kt4CardSetSlot(0);
 
@@ -99,26 +107,13 @@ TEST_F(Trace, EveryKindHasItsExactLine) {
         "HW: IFM-\\(\\(null\\)\\):CPBLOB:3: hw trace",
         "\\*\\*\\*\\*\\*\\* HW ERR: IFM-\\(\\(null\\)\\):CPBLOB:3: hw error",
         "\\?\\?\\?-\\(\\(null\\)\\):CPBLOB:3: unknown module",
+        "IFM-\\(tTracer\\):CPBLOB:3: from a task",
     };
     std::vector<std::string> got = lines(text);
     ASSERT_EQ(std::size(expected), got.size()) << text;
     for (size_t i = 0; i < got.size(); ++i) {
         EXPECT_TRUE(std::regex_match(got[i], std::regex(kStamp + expected[i] + "\r\n"))) << got[i];
     }
-}
-
-TEST_F(Trace, ATaskIsNamedInItsLines) {
-    ASSERT_EQ(OK, vx2bsdLibInit());
-    std::atomic<bool> done{false};
-    kt4TracePrintOn();
-    kt4test::CaptureStdout out;
-    ASSERT_NE(ERROR, kt4test::spawn_task("tTracer", 100, [&] {
-                  kt4TracePrintf(kFormatModule, "from a task");
-                  done = true;
-              }));
-    ASSERT_TRUE(kt4test::eventually([&] { return done.load(); }, 10000));
-    std::string text = out.text();
-    EXPECT_NE(std::string::npos, text.find("] IFM-(tTracer):CPBLOB:0: from a task\r\n")) << text;
 }
 
 TEST_F(Trace, AnOverlongLineIsReportedAndCut) {
@@ -212,7 +207,7 @@ TEST_F(Trace, HardwareKindsAreGatedAndKeepTheirStoredKinds) {
               software.back().find("NVRAM_MSG: ARP-((null)):CPBLOB:0: never gated"));
 }
 
-TEST_F(Trace, FlagsAndModuleNames) {
+TEST_F(Trace, FlagsModuleNamesVerbatimStringsAndAssertions) {
     EXPECT_EQ(48, kt4TraceGetModuleIdFromName("Bgp")); // any case, whole names only
     EXPECT_EQ(0, kt4TraceGetModuleIdFromName("bgpx"));
     // The top bit keeps plain traces of the module out of the history, nothing else.
@@ -224,22 +219,20 @@ TEST_F(Trace, FlagsAndModuleNames) {
     kt4SetModuleTraceFlag(kFlagModule, 0);
     EXPECT_EQ("", history(kFlagModule, KT4_TRACE_KIND_TRACE));
     EXPECT_EQ(errorsBefore + 1, lines(history(kFlagModule, KT4_TRACE_KIND_ERROR)).size());
-}
 
-TEST_F(Trace, PrintStrTracesTextVerbatim) {
+    // A string traced as it is (the percent sign made harmless), cut to the slot.
     kt4TracePrintStr(kStrModule, "50% done, %s and %d stay");
     std::string got = history(kStrModule, KT4_TRACE_KIND_TRACE);
     EXPECT_NE(std::string::npos, got.find(":CPBLOB:0: 50! done, %s and %d stay\r\n")) << got;
     kt4TracePrintStr(kStrModule, std::string(300, 'y').c_str());
     got = history(kStrModule, KT4_TRACE_KIND_TRACE);
     EXPECT_NE(std::string::npos, got.find(std::string(199, 'y').substr(0, 150)));
-}
 
-TEST_F(Trace, AnAssertionReportsAndReturns) {
+    // An assertion reports and returns.
     errno = 0x3d0004;
     _kt4Assert("x == 1", "file.c", 42);
     EXPECT_EQ(0x3d0004, errno);
-    std::string got = history(1, KT4_TRACE_KIND_ERROR);
+    got = history(1, KT4_TRACE_KIND_ERROR);
     EXPECT_NE(
         std::string::npos,
         got.find("****** ERROR SYS-((null)):CPBLOB:0: Unk: *** ASSERTION-FAILED *** Expression "
@@ -263,7 +256,7 @@ TEST_F(Trace, DeveloperPrintsFollowTheTaskMask) {
     EXPECT_EQ(before + 5, printCnt);
 }
 
-TEST_F(Trace, TwoProcessesShareOneRing) {
+TEST_F(Trace, TwoProcessesShareOneRingAndTheToolReplaysIt) {
     // The ring outlives a round of --gtest_repeat: look at the lines this round adds.
     const size_t before = lines(history(kTwoProcModule, KT4_TRACE_KIND_TRACE)).size();
     kt4TracePrintf(kTwoProcModule, "from the first process");
@@ -286,6 +279,18 @@ TEST_F(Trace, TwoProcessesShareOneRing) {
         {KT4_TRACE_TOOL, "-f", kt4GetShmFileName(0), "-m", std::to_string(kTwoProcModule)}, &rc);
     EXPECT_EQ(0, rc);
     EXPECT_EQ(mine, tool);
+
+    // The tool refuses a file that is not an area (1) and a module it does not know (2).
+    std::string junk = kt4test::Card::get().root() + "/junk.mem";
+    FILE *f = std::fopen(junk.c_str(), "w");
+    ASSERT_NE(nullptr, f);
+    std::fputs(std::string(10000, 'j').c_str(), f);
+    std::fclose(f);
+    run({KT4_TRACE_TOOL, "-f", junk}, &rc);
+    EXPECT_EQ(1, rc);
+    run({KT4_TRACE_TOOL, "-f", junk, "-m", "nosuchmodule"}, &rc);
+    EXPECT_EQ(2, rc);
+    unlink(junk.c_str());
 }
 
 TEST_F(Trace, AProcessWithoutTheSharedMemoryKeepsItsOwnRings) {
@@ -296,20 +301,6 @@ TEST_F(Trace, AProcessWithoutTheSharedMemoryKeepsItsOwnRings) {
     EXPECT_EQ(1u, lines(child).size()) << child;
     EXPECT_NE(std::string::npos, child.find("MSTP-((null)):CPBLOB:0: kept locally\r\n"));
     EXPECT_EQ("", history(kLocalModule, KT4_TRACE_KIND_ANY)) << "the card's ring never saw it";
-}
-
-TEST_F(Trace, TheToolRefusesWhatIsNotAnArea) {
-    std::string junk = kt4test::Card::get().root() + "/junk.mem";
-    FILE *f = std::fopen(junk.c_str(), "w");
-    ASSERT_NE(nullptr, f);
-    std::fputs(std::string(10000, 'j').c_str(), f);
-    std::fclose(f);
-    int rc = -1;
-    run({KT4_TRACE_TOOL, "-f", junk}, &rc);
-    EXPECT_EQ(1, rc);
-    run({KT4_TRACE_TOOL, "-f", junk, "-m", "nosuchmodule"}, &rc);
-    EXPECT_EQ(2, rc);
-    unlink(junk.c_str());
 }
 
 } // namespace

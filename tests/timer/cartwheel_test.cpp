@@ -107,7 +107,7 @@ TEST_F(Cartwheel, DelaysBucketsAndTheAsymmetricNextExpiry) {
     kt4cwFreeTimer(cw_, a);
 }
 
-TEST_F(Cartwheel, HandlersRearmIntoTheSameTickAndStopOthers) {
+TEST_F(Cartwheel, HandlersRearmIntoTheSameTickStopOthersAndKeepAPeriod) {
     make(8);
     Rec *a = get(1), *b = get(2), *c = get(3);
     for (Rec *x : {a, b, c})
@@ -126,29 +126,24 @@ TEST_F(Cartwheel, HandlersRearmIntoTheSameTickAndStopOthers) {
     EXPECT_EQ(nullptr, a->link.prev);
     EXPECT_EQ(b, kt4cwGetNextExpiredTimer(cw_));
     EXPECT_EQ(nullptr, kt4cwGetNextExpiredTimer(cw_));
-    kt4cwStartTimer(cw_, c, 5); // left running: UnInit releases it
-    kt4cwFreeTimer(cw_, a);
-    kt4cwFreeTimer(cw_, b);
-}
 
-// A period of p ticks: started between ticks with delay p - 1 (fires during the p-th tick),
-// restarted from its handler with delay p (the wheel moves on only after the handlers), at
-// any place on the wheel and across its wrap.
-TEST_F(Cartwheel, ARestartFromTheHandlerKeepsThePeriod) {
-    make(8);
-    for (int skip = 0; skip < 3; ++skip)
-        kt4cwTimerTick(cw_); // start away from bucket 0
-    Rec *p = get(7);
+    // A period of p ticks: started between ticks with delay p - 1 (fires during the p-th
+    // tick), restarted from its handler with delay p (the wheel moves on only after the
+    // handlers), away from bucket 0 and across the wheel's wrap.
     std::vector<int> at;
     int tick = 0;
     on_expiry = [&](Rec *x) {
         at.push_back(tick);
         kt4cwRestartTimer(cw_, x, 5);
     };
-    kt4cwStartTimer(cw_, p, 4);
+    kt4cwStartTimer(cw_, a, 4);
     for (tick = 1; tick <= 20; ++tick)
         kt4cwTimerTick(cw_);
     EXPECT_EQ((std::vector<int>{5, 10, 15, 20}), at);
+    kt4cwStopTimer(a);
+    kt4cwStartTimer(cw_, c, 5); // left running: UnInit releases it
+    kt4cwFreeTimer(cw_, a);
+    kt4cwFreeTimer(cw_, b);
 }
 
 TEST_F(Cartwheel, FreeListGrowsByTheExtension) {

@@ -76,7 +76,7 @@ class ListTimer : public testing::Test {
     Rec r_[8];
 };
 
-TEST_F(ListTimer, DeltasChainInExpiryOrder) {
+TEST_F(ListTimer, DeltasChainInExpiryOrderAndAStoppedHeadPassesItsRest) {
     kt4ListStartTimer(cb_, &r_[1].node, 100);
     kt4ListStartTimer(cb_, &r_[3].node, 300);
     kt4ListStartTimer(cb_, &r_[2].node, 200);
@@ -100,17 +100,16 @@ TEST_F(ListTimer, DeltasChainInExpiryOrder) {
     EXPECT_EQ(200, ms_of(r_[3].node.delta));
     kt4ListStartTimer(cb_, &r_[3].node, 10);
     EXPECT_EQ((std::vector<int>{3, 4, 5, 1}), ids(3));
-}
 
-TEST_F(ListTimer, StoppingTheHeadPassesWhatItHadLeft) {
-    kt4ListStartTimer(cb_, &r_[1].node, 100);
-    kt4ListStartTimer(cb_, &r_[2].node, 150);
-    advance(40);
+    // Stopping the head passes what it had left on, from now, and arms the list for the next;
+    // the stop callback runs when the list empties.
+    advance(6);
     armed.clear();
-    kt4ListStopTimer(cb_, &r_[1].node);
-    EXPECT_EQ(110, ms_of(r_[2].node.delta)); // its own 50 plus the 60 left, from now
-    EXPECT_EQ((std::vector<int>{2}), armed);
-    kt4ListStopTimer(cb_, &r_[2].node);
+    kt4ListStopTimer(cb_, &r_[3].node);
+    EXPECT_EQ(34, ms_of(r_[4].node.delta)); // its own 30 plus the 4 left
+    EXPECT_EQ((std::vector<int>{4}), armed);
+    for (int i : {4, 5, 1})
+        kt4ListStopTimer(cb_, &r_[i].node);
     EXPECT_EQ(1, stops);
 }
 
@@ -176,21 +175,22 @@ TEST_F(ListTimer, SelectLoopFiresEachTimerOnTime) {
 }
 
 TEST(Timespec, SumCarriesAndDiffBorrowsAtOneSecond) {
-    const timespec a{1, 600000000}, b{2, 500000000};
+    const timespec a{1, 600000000}, b{2, 500000000}, c{1, 999999999}, d{0, 1};
+    struct {
+        int (*op)(const timespec *, const timespec *, timespec *);
+        const timespec *x, *y;
+        timespec want;
+    } cases[] = {{kt4GetTimespecTimeSum, &a, &b, {4, 100000000}},
+                 {kt4GetTimespecTimeSum, &c, &d, {2, 0}}, // exactly a second of nanoseconds
+                 {kt4GetTimespecTimeDiff, &a, &b, {0, 900000000}}, // y - x
+                 {kt4GetTimespecTimeDiff, &d, &c, {1, 999999998}}};
+    for (const auto &k : cases) {
+        timespec r{};
+        ASSERT_EQ(0, k.op(k.x, k.y, &r));
+        EXPECT_EQ(k.want.tv_sec, r.tv_sec);
+        EXPECT_EQ(k.want.tv_nsec, r.tv_nsec);
+    }
     timespec r{};
-    ASSERT_EQ(0, kt4GetTimespecTimeSum(&a, &b, &r));
-    EXPECT_EQ(4, r.tv_sec);
-    EXPECT_EQ(100000000, r.tv_nsec);
-    const timespec c{1, 999999999}, d{0, 1};
-    ASSERT_EQ(0, kt4GetTimespecTimeSum(&c, &d, &r));
-    EXPECT_EQ(2, r.tv_sec) << "exactly one second of nanoseconds carries";
-    EXPECT_EQ(0, r.tv_nsec);
-    ASSERT_EQ(0, kt4GetTimespecTimeDiff(&a, &b, &r)); // b - a
-    EXPECT_EQ(0, r.tv_sec);
-    EXPECT_EQ(900000000, r.tv_nsec);
-    ASSERT_EQ(0, kt4GetTimespecTimeDiff(&d, &c, &r));
-    EXPECT_EQ(1, r.tv_sec);
-    EXPECT_EQ(999999998, r.tv_nsec);
     EXPECT_EQ(-1, kt4GetTimespecTimeSum(&a, nullptr, &r));
     EXPECT_EQ(-1, kt4GetTimespecTimeDiff(&a, &b, nullptr));
 }

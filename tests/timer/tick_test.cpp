@@ -16,8 +16,9 @@ namespace {
 using ms = std::chrono::milliseconds;
 using Clock = std::chrono::steady_clock;
 
-TEST(TickSource, SetCountAndConversions) {
+TEST(TickSource, FiftyPerSecondSetCountAndConversions) {
     kt4test::TickRestore restore;
+    EXPECT_EQ(50, sysClkRateGet());
     const auto before = Clock::now();
     tick64Set(0, 1000);
     std::this_thread::sleep_for(ms(100));

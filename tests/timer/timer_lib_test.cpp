@@ -1,17 +1,25 @@
 // The timer library on one thread, with the tick count moved by the test rather than waited
 // for: ordering, limits, periodic re-arming, callbacks that change their own head, the expiry
-// arithmetic, the tick offset and the dumps.
+// arithmetic, the tick offset and the dumps. Then a head with its semaphore processed by two
+// tasks at once, while callbacks create, re-arm and delete timers of the same head and the
+// test's thread deletes timers that may be firing at that very moment: every one-shot must fire
+// exactly once, every record be released.
 #include "timer_test_util.h"
+
+#include <kt4/vx2bsd.h>
 
 #include <gtest/gtest.h>
 
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <functional>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace {
@@ -69,7 +77,7 @@ class TimerLib : public testing::Test {
     std::vector<kt4Timer *> mine_;
 };
 
-TEST_F(TimerLib, FiresInExpiryOrderAndRearmsOnRequest) {
+TEST_F(TimerLib, FiresInExpiryOrderRearmsOnRequestAndFlushReleases) {
     kt4Timer *c = make(3, 3), *a = make(1, 1), *b = make(2, 1, 30);
     EXPECT_EQ(0, kt4ProcTimers(&head_));
     advance(50);
@@ -97,6 +105,15 @@ TEST_F(TimerLib, FiresInExpiryOrderAndRearmsOnRequest) {
     EXPECT_EQ(1, kt4ProcTimers(&head_));
     EXPECT_EQ((std::vector<uintptr_t>{3}), fired2);
     (void)b;
+
+    // A flush releases the linked timers, also those without an owner here.
+    for (uintptr_t i = 0; i < 20; ++i)
+        kt4TimerCreate(cb, i, static_cast<int32_t>(i % 4), 0, &head_);
+    const int before = Counting::frees.load();
+    EXPECT_EQ(0, kt4TmrFlushAll(&head_));
+    EXPECT_EQ(before + 20, Counting::frees.load());
+    EXPECT_TRUE(kt4TmrTreeEmpty(&head_));
+    EXPECT_EQ(-1, kt4TmrHeadInit(nullptr, nullptr, nullptr, 0, 0));
 }
 
 TEST_F(TimerLib, EqualExpiriesByRecordAddressAndTheProcessingLimit) {
@@ -202,15 +219,6 @@ TEST_F(TimerLib, IntervalIsFormedIn32BitsSignExtendedAndCallbackless) {
     EXPECT_EQ("0", field(t, "T_nodeActive"));
 }
 
-TEST_F(TimerLib, FlushReleasesTheLinkedTimers) {
-    for (uintptr_t i = 0; i < 20; ++i)
-        kt4TimerCreate(cb, i, static_cast<int32_t>(i % 4), 0, &head_);
-    EXPECT_EQ(0, kt4TmrFlushAll(&head_));
-    EXPECT_EQ(20, Counting::frees.load());
-    EXPECT_TRUE(kt4TmrTreeEmpty(&head_));
-    EXPECT_EQ(-1, kt4TmrHeadInit(nullptr, nullptr, nullptr, 0, 0));
-}
-
 TEST_F(TimerLib, TickOffsetAndInitFile) {
     make(1, 1); // the library's clock moves its timers, not the tick source
     std::string out = stdout_of([] { kt4TimerTickSet(0x5, 0x10); });
@@ -241,5 +249,124 @@ TEST_F(TimerLib, TickOffsetAndInitFile) {
         kt4TimerTickSet(static_cast<uint32_t>(raw >> 32), static_cast<uint32_t>(raw));
     });
 }
+
+namespace concurrent {
+
+constexpr int kN = 60; // timers per kind
+enum Kind : uintptr_t {
+    kSpawner, // creates a child timer
+    kCounted, // periodic, deletes itself on its third firing
+    kRearmer, // re-arms itself once with the other callback
+    kKiller,  // deletes its victim
+    kVictim,  // never fires
+    kChild,   // fires once
+    kDoomed,  // periodic, deleted by the test's thread while it fires
+    kKinds
+};
+
+kt4TmrHead head;
+
+std::atomic<kt4Timer *> timer[kKinds][kN];
+std::atomic<int> fires[kKinds][kN], rearmed_fires[kN];
+
+uintptr_t param(Kind k, int i) {
+    return k << 16 | static_cast<uintptr_t>(i);
+}
+void rearmed_cb(uintptr_t p) {
+    rearmed_fires[p & 0xFFFF].fetch_add(1);
+}
+
+void cb(uintptr_t p) {
+    auto k = static_cast<Kind>(p >> 16);
+    int i = static_cast<int>(p & 0xFFFF);
+    int n = fires[k][i].fetch_add(1) + 1;
+    if (k == kSpawner) timer[kChild][i] = kt4TickTimerCreate(cb, param(kChild, i), 0, 0, 0, &head);
+    if (k == kCounted && n == 3) kt4TimerDelete(timer[k][i], &head);
+    if (k == kRearmer) kt4TickTimerSet(timer[k][i], 0, 0, rearmed_cb, &head);
+    if (k == kKiller) kt4TimerDelete(timer[kVictim][i], &head);
+    if (k == kDoomed) // stay a while, so that deletes from outside meet the callback running
+        for (auto until = std::chrono::steady_clock::now() + std::chrono::microseconds(50);
+             std::chrono::steady_clock::now() < until;) {
+        }
+}
+
+int total(Kind k) {
+    int sum = 0;
+    for (auto &f : fires[k])
+        sum += f.load();
+    return sum;
+}
+
+std::atomic<bool> stop{false};
+std::atomic<int> calls{0}, done{0};
+int proc_task(kt4_arg_t, kt4_arg_t, kt4_arg_t, kt4_arg_t, kt4_arg_t, kt4_arg_t, kt4_arg_t,
+              kt4_arg_t, kt4_arg_t, kt4_arg_t) {
+    while (!stop.load()) {
+        if (kt4ProcTimers(&head) >= 0) calls.fetch_add(1);
+        // A short sleep, not a spin: real-time tasks spinning on both processors would
+        // starve the test's own thread.
+        std::this_thread::sleep_for(std::chrono::microseconds(100));
+    }
+    done.fetch_add(1);
+    return 0;
+}
+
+TEST(TimerLibConcurrent, TwoTasksProcessOneHeadWhileCallbacksChangeIt) {
+    for (auto &kind : fires)
+        for (auto &f : kind)
+            f = 0;
+    for (auto &f : rearmed_fires)
+        f = 0;
+    Counting::reset();
+    calls = done = 0;
+    stop = false;
+    ASSERT_EQ(0, kt4TmrHeadInit(&head, Counting::alloc, Counting::free, TRUE, 0));
+    // Created far ahead first, so that each callback finds its timer and victim published.
+    for (Kind k : {kSpawner, kCounted, kRearmer, kKiller, kVictim, kDoomed})
+        for (int i = 0; i < kN; ++i)
+            ASSERT_NE(nullptr,
+                      timer[k][i] = kt4TimerCreate(cb, param(k, i), 1000,
+                                                   k == kCounted || k == kDoomed ? 3 : 0, &head));
+    for (const char *name : {"tTmrProc1", "tTmrProc2"})
+        ASSERT_NE(ERROR, taskSpawn(name, 100, 0, 0, proc_task, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0));
+    // Due now; the periodic ones every tick.
+    for (Kind k : {kSpawner, kCounted, kRearmer, kKiller, kDoomed})
+        for (int i = 0; i < kN; ++i)
+            kt4TickTimerSet(timer[k][i], 0, k == kCounted || k == kDoomed, cb, &head);
+
+    EXPECT_TRUE(kt4test::eventually(
+        [] {
+            int rearmed = 0;
+            for (auto &f : rearmed_fires)
+                rearmed += f.load();
+            return total(kSpawner) == kN && total(kChild) == kN && total(kCounted) == 3 * kN &&
+                   rearmed == kN && total(kKiller) == kN && total(kDoomed) >= 2 * kN;
+        },
+        10000));
+    for (auto &t : timer[kDoomed])
+        EXPECT_EQ(0, kt4TimerDelete(t, &head));
+    int doomed = total(kDoomed);
+    std::this_thread::sleep_for(std::chrono::milliseconds(60));
+    EXPECT_LE(total(kDoomed), doomed + 2); // only callbacks already running
+    stop = true;
+    ASSERT_TRUE(kt4test::eventually([] { return done.load() == 2; }, 10000));
+    EXPECT_GT(calls.load(), 2);
+
+    for (int i = 0; i < kN; ++i) {
+        for (Kind k : {kSpawner, kChild, kRearmer, kKiller})
+            EXPECT_EQ(1, fires[k][i].load()) << k << " " << i;
+        EXPECT_EQ(1, rearmed_fires[i].load());
+        EXPECT_EQ(3, fires[kCounted][i].load());
+        EXPECT_EQ(0, fires[kVictim][i].load());
+    }
+    EXPECT_TRUE(kt4TmrTreeEmpty(&head));
+    for (Kind k : {kSpawner, kChild, kRearmer, kKiller}) // fired one-shots: the owner's
+        for (auto &t : timer[k])
+            kt4TimerDelete(t, &head);
+    EXPECT_EQ(0, kt4TmrHeadDestroy(&head));
+    EXPECT_EQ(Counting::allocs.load(), Counting::frees.load());
+}
+
+} // namespace concurrent
 
 } // namespace

@@ -19,7 +19,7 @@ struct PeerProcess : kt4test::Process {
                    std::to_string(kt4test::kAreaBytes)}) {}
 };
 
-TEST(PeerLookup, FindsAnEndpointOfAnotherProcessUntilItCloses) {
+TEST(PeerLookup, FindsAnEndpointOfAnotherProcessUntilItClosesOrDies) {
     PeerProcess peer(150, 4);
     ASSERT_GT(peer.pid(), 0);
     ASSERT_EQ(peer.line(), "ready " + std::to_string(key_of(150, 4)));
@@ -44,25 +44,21 @@ TEST(PeerLookup, FindsAnEndpointOfAnotherProcessUntilItCloses) {
     ASSERT_EQ(peer.line(), "closed");
     EXPECT_EQ(kt4_tmeGetPeerIpAddrByName(150, 4, &status), kNone);
     EXPECT_EQ(status, KT4_TME_PEER_UNKNOWN);
-}
 
-TEST(PeerLookup, ForgetsAPeerThatDied) {
-    // This thread takes the key over at the end and, not being a task, keeps its record: every
-    // round of --gtest_repeat uses an instance of its own.
+    // A peer killed without a chance to clean up is forgotten at once, even while it is a
+    // zombie not yet collected. This thread takes the key over at the end and, not being a task,
+    // keeps its record: every round of --gtest_repeat uses an instance of its own.
     static int round = 0;
     const int inst = round++ % 32;
-    PeerProcess peer(151, inst);
-    ASSERT_EQ(peer.line(), "ready " + std::to_string(key_of(151, inst)));
-    int status = -1;
+    PeerProcess dying(151, inst);
+    ASSERT_EQ(dying.line(), "ready " + std::to_string(key_of(151, inst)));
     ASSERT_EQ(kt4_tmeGetPeerIpAddrByName(151, inst, &status), tmetest::card_addr());
-
-    // Killed: no chance to clean up. Not yet collected, it is a zombie, and gone all the same.
-    ASSERT_EQ(kill(peer.pid(), SIGKILL), 0);
+    ASSERT_EQ(kill(dying.pid(), SIGKILL), 0);
     EXPECT_TRUE(tmetest::eventually([&] {
         return kt4_tmeGetPeerIpAddrByName(151, inst, &status) == kNone &&
                status == KT4_TME_PEER_UNKNOWN;
     }));
-    peer.finish(10);
+    dying.finish(10);
     EXPECT_EQ(kt4ProcIdByKey(key_of(151, inst)), -1);
     // Its service and instance can be taken again at once.
     EXPECT_EQ(kt4IpcOpen(151, inst), key_of(151, inst));
@@ -70,7 +66,7 @@ TEST(PeerLookup, ForgetsAPeerThatDied) {
     kt4IpcClose(key_of(151, inst));
 }
 
-TEST(PeerLookup, BackOffGrowsTenTicksEveryTenTriesAndGivesUpAfterAHundred) {
+TEST(PeerLookup, BackOffGrowsTenTicksEveryTenTriesUntilThePeerRegistersOrAHundredPass) {
     tmetest::WaitRecorder rec;
     int status = -1;
     EXPECT_EQ(kt4_tmeGetTaskIpAddrByName(160, 1, &status), kNone);
@@ -81,17 +77,14 @@ TEST(PeerLookup, BackOffGrowsTenTicksEveryTenTriesAndGivesUpAfterAHundred) {
         want.insert(want.end(), 10, ticks);
     ASSERT_EQ(want.size(), 99u);
     EXPECT_EQ(rec.waits(), want);
-}
 
-TEST(PeerLookup, RetriesEndOnceThePeerRegisters) {
-    // The peer opens its endpoint during the fifth wait.
-    tmetest::WaitRecorder rec([](int n, void *) {
+    // The retries end once the peer registers: here it opens its endpoint in the fifth wait.
+    tmetest::WaitRecorder found([](int n, void *) {
         if (n == 5) kt4IpcOpen(161, 2);
     });
-    int status = -1;
     EXPECT_EQ(kt4_tmeGetTaskIpAddrByName(161, 2, &status), tmetest::card_addr());
     EXPECT_EQ(status, KT4_TME_PEER_FOUND);
-    EXPECT_EQ(rec.waits(), std::vector<int>(5, 10));
+    EXPECT_EQ(found.waits(), std::vector<int>(5, 10));
     kt4IpcClose(key_of(161, 2));
 }
 

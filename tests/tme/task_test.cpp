@@ -1,11 +1,14 @@
-// Creating tasks (threads and processes), the spawned child's wait for its parent, and what
-// task exit releases.
+// Task keys and the calling task's own key; the ready message, byte for byte, as the card's task
+// manager receives it; creating tasks (threads and processes), the spawned child's wait for its
+// parent, and what task exit releases.
 #include "tme/tme_env.h"
 
 #include "common/kt4_be.h"
+#include "ipc/ipc_test_util.h"
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <future>
@@ -50,11 +53,20 @@ bool wait_ready(std::promise<void> &p) {
     return p.get_future().wait_for(std::chrono::seconds(10)) == std::future_status::ready;
 }
 
-TEST_F(Parent, ThreadTaskOwnsItsRecordAndIsReleasedWhenItEnds) {
-    const int key = key_of(171, 2);
+// A thread task running worker for w; its id, or -1.
+int create_worker(const char *name, int service, int instance, Worker &w) {
+    return kt4TaskCreate(name, service, instance, KT4_TASK_AS_THREAD, 100, 0, 0, worker,
+                         reinterpret_cast<kt4_arg_t>(&w), nullptr, nullptr);
+}
+
+TEST_F(Parent, ThreadTaskOwnsItsRecordAndIsReleasedWhenItEndsOrIsDeleted) {
+    // This thread takes the key over at the end and, not being a task, keeps its record: every
+    // round of --gtest_repeat uses an instance of its own.
+    static int round = 0;
+    const int inst = round++ % 32;
+    const int key = key_of(171, inst);
     Worker w;
-    int tid = kt4TaskCreate("tWorker", 171, 2, KT4_TASK_AS_THREAD, 100, 0, 0, worker,
-                            reinterpret_cast<kt4_arg_t>(&w), nullptr, nullptr);
+    int tid = create_worker("tWorker", 171, inst, w);
     ASSERT_GT(tid, 0);
     ASSERT_TRUE(wait_ready(w.started));
     EXPECT_EQ(w.keyArg, key);
@@ -62,51 +74,29 @@ TEST_F(Parent, ThreadTaskOwnsItsRecordAndIsReleasedWhenItEnds) {
     EXPECT_EQ(w.startup, key);
     EXPECT_EQ(kt4TaskIdSelf(key), tid);
     int status = -1;
-    EXPECT_EQ(kt4_tmeGetPeerIpAddrByName(171, 2, &status), tmetest::card_addr());
+    EXPECT_EQ(kt4_tmeGetPeerIpAddrByName(171, inst, &status), tmetest::card_addr());
 
     // The service and instance are taken while the task lives.
     Worker dup;
-    errno = 0;
-    EXPECT_EQ(kt4TaskCreate("tDup", 171, 2, KT4_TASK_AS_THREAD, 100, 0, 0, worker,
-                            reinterpret_cast<kt4_arg_t>(&dup), nullptr, nullptr),
-              -1);
-    EXPECT_EQ(errno, EEXIST);
+    KT4_EXPECT_ERRNO(EEXIST, -1, create_worker("tDup", 171, inst, dup));
 
     semGive(w.release);
     ASSERT_TRUE(tmetest::eventually([&] { return taskIdVerify(tid) == ERROR; }));
     EXPECT_EQ(kt4TaskIdSelf(key), -1);
-    EXPECT_EQ(kt4_tmeGetPeerIpAddrByName(171, 2, &status), kNone);
+    EXPECT_EQ(kt4_tmeGetPeerIpAddrByName(171, inst, &status), kNone);
     EXPECT_EQ(Key_getReqQueue(key), 0); // its endpoint was closed
 
-    // ... and can be created again.
+    // ... and can be created again; deleted, it releases its records and its ports (this
+    // thread can bind them).
     Worker again;
-    int tid2 = kt4TaskCreate("tWorker", 171, 2, KT4_TASK_AS_THREAD, 100, 0, 0, worker,
-                             reinterpret_cast<kt4_arg_t>(&again), nullptr, nullptr);
+    int tid2 = create_worker("tWorker", 171, inst, again);
     ASSERT_GT(tid2, 0);
     ASSERT_TRUE(wait_ready(again.started));
     EXPECT_EQ(again.startup, key);
-    semGive(again.release);
-    EXPECT_TRUE(tmetest::eventually([&] { return taskIdVerify(tid2) == ERROR; }));
-}
-
-TEST_F(Parent, DeletingATaskReleasesItsRecords) {
-    // This thread takes the key over at the end and, not being a task, keeps its record: every
-    // round of --gtest_repeat uses an instance of its own.
-    static int round = 0;
-    const int inst = round++ % 32;
-    const int key = key_of(172, inst);
-    Worker w;
-    int tid = kt4TaskCreate("tVictim", 172, inst, KT4_TASK_AS_THREAD, 100, 0, 0, worker,
-                            reinterpret_cast<kt4_arg_t>(&w), nullptr, nullptr);
-    ASSERT_GT(tid, 0);
-    ASSERT_TRUE(wait_ready(w.started));
-    ASSERT_EQ(w.startup, key);
-    ASSERT_EQ(taskDelete(tid), OK);
+    ASSERT_EQ(taskDelete(tid2), OK);
     EXPECT_EQ(kt4TaskIdSelf(key), -1);
-    int status = -1;
-    EXPECT_EQ(kt4_tmeGetPeerIpAddrByName(172, inst, &status), kNone);
-    // Its ports are free: this thread can bind them.
-    EXPECT_EQ(kt4IpcOpen(172, inst), key);
+    EXPECT_EQ(kt4_tmeGetPeerIpAddrByName(171, inst, &status), kNone);
+    EXPECT_EQ(kt4IpcOpen(171, inst), key);
     kt4IpcClose(key);
 }
 
@@ -166,12 +156,10 @@ TEST_F(Parent, ProcessTaskRunsTheProgramAndAnswersThroughTheRegistry) {
                             tmetest::kHelperName, " task\talpha\n beta ");
     ASSERT_GT(pid, 0);
 
+    // Its ready message (byte for byte in ready_test) names the process.
     std::vector<unsigned char> ready = tme.recv(10000);
     ASSERT_EQ(ready.size(), static_cast<size_t>(KT4_TASK_READY_MSG_LEN));
-    EXPECT_EQ(kt4IpcHdrGet(ready.data(), KT4_IPC_HDR_MSG_TYPE), 1601u);
-    auto word = [&](size_t off) { return kt4::load_be32(ready.data() + off); };
-    EXPECT_EQ(word(64), static_cast<uint32_t>(pid));
-    EXPECT_EQ(word(68), 180u);
+    EXPECT_EQ(kt4::load_be32(ready.data() + 64), static_cast<uint32_t>(pid));
 
     int status = -1;
     uint32_t addr = kt4_tmeGetTaskIpAddrByName(180, 1, &status);
@@ -224,6 +212,147 @@ TEST_F(Parent, SpawnedChildWaitsForItsParentThenGoesOn) {
     EXPECT_EQ(w.myKey, key_of(174, 1));
     semGive(w.release);
     EXPECT_TRUE(tmetest::eventually([&] { return taskIdVerify(tid) == ERROR; }));
+}
+
+TEST(TaskKeys, ChecksHoldAtTheBounds) {
+    // Services 13..363 and instances 0..31 only; a key outside is reported and given back.
+    for (auto [svc, inst] : {std::pair{12, 0}, {364, 0}, {13, 32}, {13, -1}})
+        EXPECT_EQ(kt4GetTaskKeyFromServiceAndInst(svc, inst), -1) << svc << "/" << inst;
+    EXPECT_EQ(kt4GetTaskKeyFromServiceAndInst(363, 31), 363 << 7 | 31 << 2);
+    EXPECT_EQ(kt4TaskGetServiceByKey(key_of(363, 31) | 3), 363);
+    EXPECT_EQ(kt4TaskGetInstanceByKey(key_of(363, 31) | 3), 31);
+    EXPECT_EQ(kt4TaskGetServiceByKey(key_of(12, 31)), -1);
+    EXPECT_EQ(kt4TaskGetInstanceByKey(key_of(364, 5)), -1);
+    EXPECT_EQ(kt4TaskGetIpcKey(key_of(12, 4) | 1), key_of(12, 4) | 1);
+    EXPECT_EQ(kt4ProcIdByKey(key_of(364, 0)), -1);
+}
+
+struct OwnKeyRun {
+    std::promise<void> opened;
+    std::promise<void> release;
+    int myKey = 0;
+    int taskId = 0;
+};
+
+int own_key_task(kt4_arg_t a, kt4_arg_t, kt4_arg_t, kt4_arg_t, kt4_arg_t, kt4_arg_t, kt4_arg_t,
+                 kt4_arg_t, kt4_arg_t, kt4_arg_t) {
+    auto *run = reinterpret_cast<OwnKeyRun *>(a);
+    run->taskId = taskIdSelf();
+    // Opened highest first: the order of opening must not matter.
+    kt4IpcOpen(250, 5);
+    kt4IpcOpen(120, 9);
+    kt4IpcOpen(120, 2);
+    run->myKey = kt4GetMyTaskKey();
+    run->opened.set_value();
+    run->release.get_future().wait();
+    kt4IpcClose(key_of(250, 5));
+    kt4IpcClose(key_of(120, 9));
+    kt4IpcClose(key_of(120, 2));
+    return 0;
+}
+
+int no_record_task(kt4_arg_t a, kt4_arg_t, kt4_arg_t, kt4_arg_t, kt4_arg_t, kt4_arg_t, kt4_arg_t,
+                   kt4_arg_t, kt4_arg_t, kt4_arg_t) {
+    reinterpret_cast<std::promise<int> *>(a)->set_value(kt4GetMyTaskKey());
+    return 0;
+}
+
+TEST(TaskKeys, OwnKeyIsTheLowestServiceThenInstance) {
+    OwnKeyRun run;
+    int tid = taskSpawn("tOwnKey", 100, 0, 0, own_key_task, reinterpret_cast<kt4_arg_t>(&run), 0, 0,
+                        0, 0, 0, 0, 0, 0, 0);
+    ASSERT_NE(tid, ERROR);
+    ASSERT_EQ(run.opened.get_future().wait_for(std::chrono::seconds(10)),
+              std::future_status::ready);
+    EXPECT_EQ(run.myKey, key_of(120, 2));
+    EXPECT_EQ(kt4TaskIdSelf(key_of(120, 9)), tid);
+    EXPECT_EQ(kt4TaskIdSelf(key_of(250, 5)), tid);
+    EXPECT_EQ(kt4ProcIdByKey(key_of(120, 2)), getpid());
+
+    // A task that owns nothing has no key, although another task of its process has.
+    std::promise<int> none;
+    ASSERT_NE(taskSpawn("tNoKey", 100, 0, 0, no_record_task, reinterpret_cast<kt4_arg_t>(&none), 0,
+                        0, 0, 0, 0, 0, 0, 0, 0),
+              ERROR);
+    EXPECT_EQ(none.get_future().get(), -1);
+
+    run.release.set_value();
+    EXPECT_TRUE(tmetest::eventually([&] { return taskIdVerify(tid) == ERROR; }));
+    // The ended task's records are free again.
+    EXPECT_EQ(kt4TaskIdSelf(key_of(120, 2)), -1);
+    EXPECT_EQ(kt4ProcIdByKey(key_of(120, 2)), -1);
+}
+
+void be32_at(std::vector<unsigned char> &v, size_t off, uint32_t x) {
+    kt4::store_be32(v.data() + off, x);
+}
+
+// The announcement goes through kt4IpcSend: with guaranteed delivery on, the first message to the
+// manager is a guaranteed first send (command type 9) that completes when the manager acknowledges
+// it with command type 8.
+TEST(TaskReady, SendsTheSeventyTwoByteMessageAndWaitsForTheManagersAcknowledgement) {
+    kt4IpcGuaranteedEnDis(1);
+    const uint32_t tmeAddr = kt4_sysGetIpAddr();
+    const uint32_t tmeInst = kt4_sysGetInstance();
+    ASSERT_EQ(tmeAddr, tmetest::card_addr());
+    ASSERT_EQ(uint32_t{tmetest::kTmeInstance}, tmeInst) << "taken from KT4_TME_INSTANCE";
+    const auto tmePort = static_cast<uint16_t>(kt4_getQueueId(13, static_cast<int>(tmeInst), 1));
+    kt4test::UdpPeer tme(tmeAddr, tmePort);
+    ASSERT_TRUE(tme.bound());
+
+    const int service = 140, instance = 3;
+    const int key = kt4GetTaskKeyFromServiceAndInst(service, instance);
+    // Start-up opens the endpoint and announces the task; it waits for the acknowledgement.
+    auto startup = std::async(std::launch::async, [key] { return kt4TaskStartup(key, 0); });
+
+    uint32_t from = 0;
+    uint16_t fromPort = 0;
+    std::vector<unsigned char> got = tme.recv(2000, &from, &fromPort);
+    ASSERT_EQ(got.size(), 72u);
+    EXPECT_EQ(from, tmetest::card_addr());
+    EXPECT_EQ(fromPort, key | 1); // sent from the task's request queue
+
+    std::vector<unsigned char> want(72, 0);
+    be32_at(want, 0, 0xFEEDBEAF);
+    want[4] = 9; // first guaranteed message to this target, sequence 0
+    be32_at(want, 8, 72);
+    be32_at(want, 12, 1601);
+    be32_at(want, 24, 15);
+    be32_at(want, 36, static_cast<uint32_t>(tmetest::card_slot()));
+    be32_at(want, 40, tmetest::card_addr());
+    be32_at(want, 44, static_cast<uint32_t>(key | 2));
+    be32_at(want, 48, static_cast<uint32_t>(tmetest::card_slot()));
+    be32_at(want, 52, tmeAddr);
+    be32_at(want, 56, static_cast<uint32_t>(13 << 7 | tmeInst << 2 | 1));
+    be32_at(want, 60, static_cast<uint32_t>(taskIdSelf()));
+    be32_at(want, 64, static_cast<uint32_t>(getpid()));
+    be32_at(want, 68, static_cast<uint32_t>(service));
+    EXPECT_EQ(got, want);
+
+    // The manager's acknowledgement (command type 8 of a first message, 6 of the others), to
+    // the sender's response queue.
+    auto ack_of = [](const std::vector<unsigned char> &m) {
+        return ipctest::ack_of(m, m[4] == 9 ? 8 : 6);
+    };
+    ASSERT_GT(tme.send(tmetest::card_addr(), static_cast<uint16_t>(key | 2), ack_of(got)), 0);
+    EXPECT_EQ(startup.get(), key);
+    // Acknowledged once: no second try reaches the manager.
+    EXPECT_TRUE(tme.recv(1200).empty());
+
+    // The next announcement is a plain guaranteed send with the next sequence number.
+    auto again = std::async(std::launch::async, [key] { return kt4TaskReady(key); });
+    got = tme.recv(2000);
+    ASSERT_EQ(got.size(), 72u);
+    EXPECT_EQ(got[4], 7);
+    EXPECT_EQ(got[7], 1);
+    EXPECT_TRUE(std::equal(got.begin() + 8, got.end(), want.begin() + 8));
+    ASSERT_GT(tme.send(tmetest::card_addr(), static_cast<uint16_t>(key | 2), ack_of(got)), 0);
+    EXPECT_EQ(again.get(), 0);
+
+    kt4IpcClose(key);
+    // Without an open request queue there is nothing to send from.
+    EXPECT_EQ(kt4TaskReady(key), -1);
+    EXPECT_TRUE(tme.recv(50).empty());
 }
 
 } // namespace
