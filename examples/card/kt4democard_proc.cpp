@@ -535,12 +535,12 @@ int run_routing() {
             }
             continue;
         }
-        // On every tick of the timer, what the rate allows by now, with at most 4096 updates
+        // On every tick of the timer, what the rate allows by now, with at most 1024 updates
         // waiting for the table.
         const uint32_t now = g_role->ticks;
         const uint64_t due = now == seenTicks ? sent : due_by(start, g_role->rate);
         seenTicks = now;
-        while (sent < due && s.curLen < 4096) {
+        while (sent < due && s.curLen < 1024) {
             auto *m = static_cast<unsigned char *>(std::calloc(1, kUpdateLen));
             const Update u = model_update(sent, g_role->routes);
             put32(m, kUpdateOff, u.number);
@@ -593,9 +593,11 @@ int run_query() {
     log_event("asking the table at %s for best matches, %u a second", dotted(table).c_str(),
               g_role->rate);
     std::mt19937 gen(static_cast<uint32_t>(getpid()));
-    // The round trips of the last kRttWindow queries: a card left running keeps its size.
-    constexpr size_t kRttWindow = 65536;
+    // The round trips of the last kRttWindow queries (41 s at the default rate), held from the
+    // start: a card left running keeps its size.
+    constexpr size_t kRttWindow = 8192;
     std::vector<uint32_t> rtt;
+    rtt.reserve(kRttWindow);
     size_t rttNext = 0;
     uint32_t asked = 0, answered = 0, wrong = 0, noReply = 0, transaction = 0, reported = 0;
     uint32_t seenTicks = 0;
