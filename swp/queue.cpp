@@ -427,6 +427,7 @@ uint32_t create_internal(const Args &a, uint32_t *handle) {
     l.qlenCb = nullptr;
     l.qlenArg = nullptr;
     l.head = l.last = l.sent = nullptr;
+    l.bornNs = ts_ns(mono_now());
     l.eventAddr.store(own);
     l.eventPort.store(event_port_of(a.sendSvc, a.sendInst, a.altSrcQ != 0));
     l.live = true;
@@ -719,6 +720,17 @@ uint32_t kt4SwpDequeue(uint32_t handle, uint32_t seqHi, uint32_t seqLo) {
     return KT4_SWP_SUCCESS;
 }
 
+// Is this (negative) acknowledgement one of the queue's own? One of an earlier queue that had
+// the same handle (removed, or its process died and the block was taken back) may still be on
+// its way: it echoes a send time from before this queue was made, or names as next expected a
+// number this queue has not sent yet. Taken, it would dequeue messages the receiver never had.
+bool of_this_queue(const Local &l, const unsigned char *m, uint64_t next) {
+    const int64_t sentNs = int64_t{load_be32(m + KT4_SWP_ACK_DATA_SENT)} * kNsPerSec +
+                           load_be32(m + KT4_SWP_ACK_DATA_SENT + 4);
+    if (sentNs != 0 && sentNs < l.bornNs) return false;
+    return l.sent == nullptr || next <= l.sent->seq + 1;
+}
+
 uint32_t kt4SwpProcAck(const void *msg, int len) {
     if (msg == nullptr || len < KT4_SWP_ACK_LEN) return KT4_SWP_FAILURE;
     auto *m = static_cast<const unsigned char *>(msg);
@@ -729,9 +741,7 @@ uint32_t kt4SwpProcAck(const void *msg, int len) {
     Local &l = *h.l;
     uint64_t acked = load_be64(m + KT4_SWP_ACK_SEQ);
     uint64_t next = load_be64(m + KT4_SWP_ACK_NEXT);
-    // Only sequence numbers that were sent can be acknowledged: a hostile or stale "next" is
-    // cut at the last number sent.
-    if (l.sent != nullptr && next > l.sent->seq + 1) next = l.sent->seq + 1;
+    if (!of_this_queue(l, m, next)) return KT4_SWP_FAILURE_ACK;
     uint32_t rc = KT4_SWP_SEQ_ONE_LESS;
     bool any = false;
     while (l.head != nullptr && l.sent != nullptr && l.head->seq < next) {
@@ -766,7 +776,7 @@ uint32_t kt4SwpResend(const void *msg, int len) {
     if (h.b == nullptr) return KT4_SWP_FAILURE;
     Local &l = *h.l;
     uint64_t next = load_be64(m + KT4_SWP_ACK_NEXT);
-    if (l.sent != nullptr && next > l.sent->seq + 1) next = l.sent->seq + 1;
+    if (!of_this_queue(l, m, next)) return KT4_SWP_FAILURE_ACK;
     while (l.head != nullptr && l.sent != nullptr && l.head->seq < next) {
         uint64_t s = l.head->seq;
         if (kt4SwpDequeue(handle, hi32(s), lo32(s)) != KT4_SWP_SUCCESS) break;

@@ -93,6 +93,7 @@ struct Local {
     Node *head = nullptr; // first held (unacknowledged or waiting)
     Node *last = nullptr; // last held
     Node *sent = nullptr; // last sent; null when nothing is in flight
+    int64_t bornNs = 0;   // monotonic time of the queue's creation (its first stamp is later)
     VX2BSD_TIMER_ID timer = nullptr;
     kt4SwpAllocFn allocFn = nullptr;
     void *allocArg = nullptr;

@@ -199,8 +199,33 @@ TEST_F(SwpLocal, TimerQueueVariantTakesItsAcknowledgementsOnTheTimerQueue) {
     EXPECT_EQ(KT4_SWP_SEQ_MATCH, kt4SwpCkSeqAndAck(recvKey_, buf, n, &exp, 1));
     int a = recv_within(key_ | KT4_IPC_QUEUE_TMR, buf, sizeof buf, 2000);
     ASSERT_EQ(KT4_SWP_ACK_LEN, a);
+    unsigned char stale[KT4_SWP_ACK_LEN];
+    std::memcpy(stale, buf, sizeof stale);
     EXPECT_EQ(0u, kt4SwpProcMsg(buf, a));
     EXPECT_EQ(1, g_freed.load());
+    EXPECT_EQ(0u, kt4SwpQueueRemove(h));
+
+    // The removed queue's acknowledgement reaching a new queue under its handle (a process
+    // started again, the block reused) is not the new queue's: dropped, nothing dequeued.
+    // Neither is one naming as next expected a number the queue has not sent.
+    ASSERT_EQ(0u, kt4SwpQueueCreateTmrQAck_p(0, 0, 500, 3, sendSvc_, 0, key_, recvSvc_, 0, 7000,
+                                             nullptr, nullptr, count_free, record_cb, &h));
+    store_be32(stale + KT4_SWP_ACK_HANDLE, h);
+    ASSERT_EQ(0u, kt4SwpEnqueue(h, make_msg(130, 2), 130));
+    n = recv_within(recvKey_ | KT4_IPC_QUEUE_REQ, buf, sizeof buf, 2000);
+    ASSERT_EQ(130, n);
+    EXPECT_EQ(KT4_SWP_FAILURE_ACK, kt4SwpProcMsg(stale, sizeof stale));
+    std::memcpy(stale + KT4_SWP_ACK_DATA_SENT, buf + KT4_SWP_HDR_OFF + 4 * KT4_SWP_W_TIME_SEC, 8);
+    store_be32(stale + KT4_SWP_ACK_NEXT + 4, 5);
+    EXPECT_EQ(KT4_SWP_FAILURE_ACK, kt4SwpProcMsg(stale, sizeof stale));
+    kt4SwpQueueStatus s{};
+    ASSERT_EQ(0u, kt4SwpGetQueueStatus(h, &s));
+    EXPECT_EQ(1u, s.curLen);
+    exp = {0, 0};
+    EXPECT_EQ(KT4_SWP_SEQ_MATCH, kt4SwpCkSeqAndAck(recvKey_, buf, n, &exp, 1));
+    a = recv_within(key_ | KT4_IPC_QUEUE_TMR, buf, sizeof buf, 2000);
+    EXPECT_EQ(0u, kt4SwpProcMsg(buf, a)) << "its own acknowledgement is taken";
+    EXPECT_EQ(2, g_freed.load());
     EXPECT_EQ(0u, kt4SwpQueueRemove(h));
 }
 
