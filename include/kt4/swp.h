@@ -51,9 +51,8 @@
  * expected one: the sender takes its "next expected" as an acknowledgement of what lies below
  * it and resends the head message.
  * An acknowledgement or negative acknowledgement that is not the queue's own is dropped with
- * status 5: one
- * echoing a send time stamp (non-zero) from before the queue was created, or naming as next
- * expected a number the queue has not sent. Such are the late acknowledgements of an earlier
+ * status 5: one echoing a send time stamp (non-zero) from before the queue was created, or
+ * naming as next expected a number the queue has not sent. Such are the late acknowledgements of an earlier
  * queue that had the same handle (removed, or its process died and the block was taken back);
  * taken, they would dequeue messages the receiver never had.
  *
