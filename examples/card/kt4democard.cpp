@@ -73,7 +73,7 @@ struct Options {
         bool done;
     };
     std::vector<Kill> kills; // --kill NAME@S
-    std::string seed; // the relay's, to repeat a run's losses; empty: the relay draws one
+    std::string seed;        // the relay's, to repeat a run's losses; empty: the relay draws one
 };
 
 const char *const kUsage =
@@ -158,9 +158,9 @@ struct Proc {
     std::string out;   // its standard output and error
     std::string program, args;
     int restarts = 0;
-    uint32_t *words = nullptr;  // its last counters (the demo's processes)
+    uint32_t *words = nullptr;            // its last counters (the demo's processes)
     uint32_t earlier[kControlWords] = {}; // the counts of the processes before it
-    std::vector<int> summed;    // the counters that add up over restarts
+    std::vector<int> summed;              // the counters that add up over restarts
 };
 
 class Card {
@@ -270,7 +270,8 @@ bool Card::bring_up() {
         if (fd < 0) continue;
         // The holder removes the file as it ends: a lock taken on a file already removed
         // (the path names another file now, or none) holds nothing.
-        struct stat held {}, named {};
+        struct stat held = {};
+        struct stat named = {};
         if (flock(fd, LOCK_EX | LOCK_NB) == 0 && fstat(fd, &held) == 0 &&
             stat(lock.c_str(), &named) == 0 && held.st_ino == named.st_ino &&
             held.st_dev == named.st_dev) {
@@ -339,9 +340,9 @@ bool Card::start(Proc &p, const std::string &program, const std::string &args) {
     if (program.empty())
         return fail_proc(p, "finding its program", "not built beside kt4democard, nor on PATH");
     // A process started again writes after the one it replaces.
-    const int fd = open(p.out.c_str(),
-                        O_WRONLY | O_CREAT | (p.restarts > 0 ? O_APPEND : O_TRUNC) | O_CLOEXEC,
-                        0644);
+    const int fd =
+        open(p.out.c_str(), O_WRONLY | O_CREAT | (p.restarts > 0 ? O_APPEND : O_TRUNC) | O_CLOEXEC,
+             0644);
     if (fd < 0) return fail_proc(p, "opening " + p.out, errno_text(errno));
     std::fflush(stdout);
     std::fflush(stderr);
@@ -576,8 +577,8 @@ bool Card::control(Proc &p, uint32_t cmd, int timeout, uint32_t (&words)[kContro
         kt4IpcHdrSet(msg, KT4_IPC_HDR_LENGTH, kControlLen);
         kt4IpcSetSourceHeader(msg, kt4CardSlot(), launcher_ >> 7, (launcher_ & 0x7C) >> 2);
         kt4IpcSetTargetHeader(msg, addr, kt4CardSlot(), p.service, p.instance);
-        n = kt4IpcSendWait(launcher_, msg, sizeof msg, cmd != kCmdStats ? timeout : 1,
-                           kMsgControl, ++transaction_);
+        n = kt4IpcSendWait(launcher_, msg, sizeof msg, cmd != kCmdStats ? timeout : 1, kMsgControl,
+                           ++transaction_);
         err = errno;
         if (n < kControlLen && (quiet_end(p) || !watch(p))) return false; // it ended: said so
     }
@@ -602,9 +603,10 @@ void Card::progress(double seconds) {
     const uint32_t delivered = tableW_[TDelivered];
     std::printf("%s[%5.1fs] updates %6u/s (%u sent, %u applied), retransmissions %u, routes %u, "
                 "queries answered %u%s",
-                tty_ ? "\r" : "", seconds, delivered > lastDelivered_ ? delivered - lastDelivered_ : 0,
-                routingW_[RSent], delivered, total(routing_, RRetrans), tableW_[TRoutes],
-                total(query_, QAnswered), tty_ ? "\033[K" : "\n");
+                tty_ ? "\r" : "", seconds,
+                delivered > lastDelivered_ ? delivered - lastDelivered_ : 0, routingW_[RSent],
+                delivered, total(routing_, RRetrans), tableW_[TRoutes], total(query_, QAnswered),
+                tty_ ? "\033[K" : "\n");
     std::fflush(stdout);
     progressOpen_ = tty_;
     lastDelivered_ = tableW_[TDelivered];
@@ -792,8 +794,8 @@ void Card::print_keep_help() {
                 "  tail -f %s/evtlog.log\n"
                 "Take it down with Ctrl-C here, or: kill -TERM %d\n\n",
                 root_.c_str(), std::getenv("KT4_SYSV_KEY_OFFSET"), std::getenv("KT4_CHASSIS_ID"),
-                std::getenv("KT4_SLOT"), tool("kt4card").c_str(), tool("kt4ctl").c_str(), tool("kt4trace").c_str(),
-                root_.c_str(), log_.c_str(), static_cast<int>(getpid()));
+                std::getenv("KT4_SLOT"), tool("kt4card").c_str(), tool("kt4ctl").c_str(),
+                tool("kt4trace").c_str(), root_.c_str(), log_.c_str(), static_cast<int>(getpid()));
 }
 
 void Card::save_traces() {
@@ -1003,6 +1005,10 @@ int Card::run() {
             }
         }
     }
+    // A demo process that died in the last second is started again before the card goes
+    // down, so that it stops and is counted like the others.
+    for (Proc *p : {&table_, &routing_, &query_})
+        if (!failed_ && quiet_end(*p)) restart(*p);
     supervising_ = false;
     vx2bsdTimerCancel(timer);
     vx2bsdTimerDelete(timer);
@@ -1111,8 +1117,7 @@ int main(int argc, char **argv) {
             o.kills.push_back({name, when, false});
             o.restart = true;
             ++i;
-        }
-        else if (a == "-h" || a == "--help") {
+        } else if (a == "-h" || a == "--help") {
             std::fputs(kUsage, stdout);
             return 0;
         } else {

@@ -199,9 +199,9 @@ struct Table {
     uint32_t duplicates = 0; // numbers already applied
     uint32_t gaps = 0;       // numbers skipped (an update lost)
     uint32_t answered = 0;
-    uint32_t stale = 0;      // updates of an earlier stream, dropped
-    uint32_t epoch = 0;      // of the stream taken
-    bool fresh = true;       // no stream taken yet: a proposal says where to start
+    uint32_t stale = 0; // updates of an earlier stream, dropped
+    uint32_t epoch = 0; // of the stream taken
+    bool fresh = true;  // no stream taken yet: a proposal says where to start
     kt4SwpRx *rx = nullptr;
     std::string firstProblem;
 };
@@ -431,7 +431,8 @@ void drop_responses(int ms) {
     unsigned char msg[2048];
     const auto until = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
     while (std::chrono::steady_clock::now() < until)
-        if (wait_message(rsp_queue(), -1, 5) != -1) kt4IpcRecv(rsp_queue(), msg, sizeof msg, 1, 0, 0);
+        if (wait_message(rsp_queue(), -1, 5) != -1)
+            kt4IpcRecv(rsp_queue(), msg, sizeof msg, 1, 0, 0);
 }
 
 // Starts the stream over with a proposal (see the top of the file): the table says which
@@ -463,9 +464,11 @@ int run_routing() {
     unsigned char stopRequest[kControlLen];
     bool stopping = false;
     uint32_t reported = 0, seenTicks = 0;
-    const auto start = std::chrono::steady_clock::now() - std::chrono::microseconds(
-                                                              uint64_t{sent} * 1000000 /
-                                                              g_role->rate);
+    // After a table's restart, the number sent before the stream went back: a stop waits until
+    // the stream is past it again, so that the table holds the last update of every route.
+    uint32_t rebuildTo = 0;
+    const auto start = std::chrono::steady_clock::now() -
+                       std::chrono::microseconds(uint64_t{sent} * 1000000 / g_role->rate);
     std::string problem;
     kt4SwpQueueStatus earlier{}; // the counts of the queues before this one
     auto counters = [&](const kt4SwpQueueStatus &s, bool drained, uint32_t(&w)[kControlWords]) {
@@ -497,6 +500,7 @@ int run_routing() {
                     earlier.timeouts += old.timeouts;
                     kt4SwpQueueRemove(h);
                     const uint32_t back = sent > g_role->routes ? sent - g_role->routes : 0;
+                    rebuildTo = std::max(rebuildTo, sent);
                     if ((h = start_over(back, &sent, &epoch)) == 0) break; // said
                     uint32_t w[kControlWords] = {};
                     w[RSent] = sent;
@@ -522,7 +526,7 @@ int run_routing() {
         if (g_givenUp != 0 && problem.empty())
             problem = "the queue gave an update up: " +
                       std::string(kt4SwpGetErr(KT4_SWP_FAILURE_NO_RETRANS));
-        if (stopping) {
+        if (stopping && (sent >= rebuildTo || std::chrono::steady_clock::now() > stopBy)) {
             const bool drained = s.curLen == 0;
             if (drained || std::chrono::steady_clock::now() > stopBy) {
                 uint32_t w[kControlWords];
@@ -538,7 +542,9 @@ int run_routing() {
         // On every tick of the timer, what the rate allows by now, with at most 1024 updates
         // waiting for the table.
         const uint32_t now = g_role->ticks;
-        const uint64_t due = now == seenTicks ? sent : due_by(start, g_role->rate);
+        const uint64_t due = stopping           ? rebuildTo
+                             : now == seenTicks ? sent
+                                                : due_by(start, g_role->rate);
         seenTicks = now;
         while (sent < due && s.curLen < 1024) {
             auto *m = static_cast<unsigned char *>(std::calloc(1, kUpdateLen));
