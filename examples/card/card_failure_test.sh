@@ -38,7 +38,7 @@ cat "$out"
 if [ "$mode" = restart ]; then
     [ "$rc" -eq 0 ] || { echo "FAIL: exit status $rc, 0 expected"; exit 1; }
     for p in table routing query; do
-        grep -q "^\[card\] $p (pid [0-9]*) was killed by signal 9: starting it again" "$out" &&
+        grep -q "^\[card\] $p (pid [0-9]*) ended, killed by signal 9: starting it again" "$out" &&
             grep -q "^\[card\] $p started again (pid [0-9]*, restart 1)" "$out" ||
             { echo "FAIL: $p not started again"; exit 1; }
     done

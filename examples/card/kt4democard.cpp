@@ -103,6 +103,12 @@ void on_interrupt(int) {
     g_interrupted = 1;
 }
 
+// How a process ended, from its wait status.
+std::string end_text(int st) {
+    return WIFEXITED(st) ? "exit status " + std::to_string(WEXITSTATUS(st))
+                         : "killed by signal " + std::to_string(WTERMSIG(st));
+}
+
 std::string errno_text(int err) {
     return std::string(std::strerror(err)) + " (errno " + std::to_string(err) + ")";
 }
@@ -377,15 +383,7 @@ bool Card::await_registered(Proc &p) {
             kt4_tmeGetPeerIpAddrByName(p.service, p.instance, &found) != 0xFFFFFFFFu &&
             found == KT4_TME_PEER_FOUND)
             return true;
-        int st = 0;
-        if (waitpid(p.pid, &st, WNOHANG) == p.pid) {
-            p.done = true;
-            p.status = st;
-            return fail_proc(p, "starting",
-                             WIFEXITED(st)
-                                 ? "it exited with status " + std::to_string(WEXITSTATUS(st))
-                                 : "it was killed by signal " + std::to_string(WTERMSIG(st)));
-        }
+        if (ended(p)) return fail_proc(p, "starting", "it ended: " + end_text(p.status));
         usleep(10000);
     }
     return fail_proc(p, "starting", "its task did not open its endpoint on the card within 30 s");
@@ -633,10 +631,7 @@ bool Card::reap(Proc &p, int seconds) {
     }
     if (WIFEXITED(p.status) && WEXITSTATUS(p.status) == 0) return true;
     if (p.said) return false;
-    return fail_proc(p, "running",
-                     WIFEXITED(p.status)
-                         ? "exit status " + std::to_string(WEXITSTATUS(p.status))
-                         : "killed by signal " + std::to_string(WTERMSIG(p.status)));
+    return fail_proc(p, "running", end_text(p.status));
 }
 
 // Has p ended (collected now or before)?
@@ -666,21 +661,15 @@ uint32_t Card::total(const Proc &p, int word) const {
 // A process of the card that ended while the card ran: a failure (said once).
 bool Card::watch(Proc &p) {
     if (p.pid <= 0 || (p.done && p.said) || !ended(p)) return true;
-    const int st = p.status;
-    return fail_proc(p, "running",
-                     std::string("it ended while the card ran: ") +
-                         (WIFEXITED(st) ? "exit status " + std::to_string(WEXITSTATUS(st))
-                                        : "killed by signal " + std::to_string(WTERMSIG(st))));
+    return fail_proc(p, "running", "it ended while the card ran: " + end_text(p.status));
 }
 
 // Starts a demo process again in place of one that died; a new table has the routing
 // process start the update stream over, so that it is rebuilt whole.
 bool Card::restart(Proc &p) {
-    const int st = p.status;
     end_progress();
-    std::printf("[card] %s (pid %d) %s: starting it again\n", p.name.c_str(), p.pid,
-                WIFEXITED(st) ? ("exited with status " + std::to_string(WEXITSTATUS(st))).c_str()
-                              : ("was killed by signal " + std::to_string(WTERMSIG(st))).c_str());
+    std::printf("[card] %s (pid %d) ended, %s: starting it again\n", p.name.c_str(), p.pid,
+                end_text(p.status).c_str());
     for (int w : p.summed) {
         p.earlier[w] += p.words[w];
         p.words[w] = 0;
