@@ -262,7 +262,8 @@ int send_log(const KeySnapshot &k, int level, int facility, int error, uint32_t 
         put32(msg, KT4_EVT_LOG_CHUNKS, chunks << 16 | i);
         put32(msg, KT4_EVT_LOG_CHUNKLEN, static_cast<uint32_t>(n));
         std::memcpy(msg + KT4_EVT_LOG_TEXT, text + at, n);
-        msg[KT4_EVT_LOG_TEXT + n] = 0;
+        // The rest of the field zeroed: no byte of the previous chunk goes out again.
+        std::memset(msg + KT4_EVT_LOG_TEXT + n, 0, KT4_EVT_LOG_TEXT_LEN - n);
         // The send may rewrite the header's command byte; the rest stays as built.
         const int sent = level < KT4_EVT_LEVEL_PLAIN
                              ? kt4IpcSend(reqQ, msg, KT4_EVT_LOG_LEN)

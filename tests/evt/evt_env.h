@@ -5,7 +5,6 @@
 // registration of a key goes to the event-log server (service 24 instance 0) itself.
 #pragma once
 
-#include "support/kt4_reserve.h"
 #include "support/kt4_test_env.h"
 
 #include <kt4/kt4.h>
@@ -26,10 +25,7 @@ namespace evttest {
 
 inline void card() {
     static bool up = [] {
-        kt4test::Card::get();
-        const kt4test::CardIdentity id = kt4test::card_identity();
-        setenv("KT4_CHASSIS_ID", std::to_string(id.chassis).c_str(), 1);
-        setenv("KT4_SLOT", std::to_string(id.slot).c_str(), 1);
+        kt4test::Card::get(); // its own chassis and slot
         setenv("KT4_CPU", "0", 1);
         unsetenv("KT4_PLATFORM_TYPE");
         unsetenv("KT4_RPM_ROLE");

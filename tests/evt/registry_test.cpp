@@ -3,10 +3,8 @@
 
 #include "platform/shm_area.h"
 
-#include <algorithm>
-#include <set>
 #include <csignal>
-#include <sys/wait.h>
+#include <set>
 #include <thread>
 #include <unistd.h>
 
@@ -16,7 +14,7 @@ bool registry_exists() {
     return kt4::shm::table(kt4::shm::kEvtKeyRegistry) != nullptr;
 }
 
-TEST(EvtRegistry, TwoProcessesShareTheTwoHundredKeysAndTheNextIsRefused) {
+TEST(EvtRegistry, TwoProcessesShareTheTwoHundredKeysAndOnlyTheCreatorTearsItDown) {
     evttest::card();
     evttest::Server server(24, 0);
     ASSERT_TRUE(server.ok());
@@ -43,9 +41,10 @@ TEST(EvtRegistry, TwoProcessesShareTheTwoHundredKeysAndTheNextIsRefused) {
         ok &= kt4EvtGetServiceKey(20199) == 151 && kt4EvtGetInstanceKey(20199) == 1;
         ok &= kt4EvtGetIpcKey(20150) == (151 << 7 | 1 << 2);
         ok &= kt4EvtGetServiceKey(20000) == 150;
-        for (int k = 20100; k < 20200; ++k)
-            ok &= kt4EvtCloselog(k) == 0;
-        return ok;
+        // Every key closed, the parent's last: empty, but this process did not create it.
+        for (int k = 20100; k < 20300; ++k)
+            ok &= kt4EvtCloselog(k < 20200 ? k : k - 200) == 0;
+        return ok && registry_exists();
     });
     ASSERT_EQ(kt4test::wait_child(child), 0);
     EXPECT_EQ(kt4EvtGetEvKeyFromPid(static_cast<int>(child)), -1);
@@ -54,32 +53,10 @@ TEST(EvtRegistry, TwoProcessesShareTheTwoHundredKeysAndTheNextIsRefused) {
     EXPECT_EQ(kt4EvtOpenlog(152, 0), 20100);
     EXPECT_EQ(kt4EvtOpenlog(152, 0), 20101);
     EXPECT_EQ(kt4EvtGetKeyFromServiceInstance(152, 0), 20100);
-    for (int k = 20000; k < 20102; ++k)
-        ASSERT_EQ(kt4EvtCloselog(k), 0) << k;
+    ASSERT_EQ(kt4EvtCloselog(20100), 0);
+    ASSERT_EQ(kt4EvtCloselog(20101), 0);
     EXPECT_FALSE(registry_exists());
-}
-
-TEST(EvtRegistry, OnlyItsCreatorTearsItDown) {
-    evttest::card();
-    evttest::Server server(24, 0);
-    const int a = kt4EvtOpenlog(153, 0);
-    ASSERT_NE(a, -1);
-    ASSERT_TRUE(registry_exists());
-    const pid_t child = kt4test::fork_child([a] {
-        const int b = kt4EvtOpenlog(154, 0);
-        bool ok = b != -1 && kt4EvtCloselog(b) == 0 && kt4EvtCloselog(a) == 0;
-        // Empty, but this process did not create it.
-        ok &= registry_exists();
-        ok &= kt4EvtCloselog(a) == -1;
-        return ok;
-    });
-    ASSERT_EQ(kt4test::wait_child(child), 0);
-    ASSERT_TRUE(registry_exists());
-    const int c = kt4EvtOpenlog(153, 0);
-    ASSERT_NE(c, -1);
-    EXPECT_EQ(kt4EvtCloselog(c), 0);
-    EXPECT_FALSE(registry_exists());
-    EXPECT_EQ(kt4EvtCloselog(c), -1);
+    EXPECT_EQ(kt4EvtCloselog(20100), -1);
     EXPECT_EQ(kt4EvtGetMyEvKey(), -1);
     // The next open makes it again.
     const int d = kt4EvtOpenlog(153, 0);
@@ -94,15 +71,12 @@ TEST(EvtRegistry, AKilledProcesssKeyIsGivenBackAtTheNextOpen) {
     evttest::Server server(24, 0);
     const int own = kt4EvtOpenlog(156, 0);
     ASSERT_NE(own, -1);
-    const pid_t child = fork();
-    ASSERT_GE(child, 0);
-    if (child == 0) {
+    const pid_t child = kt4test::fork_child([] {
         kt4EvtOpenlog(155, 0);
         raise(SIGKILL);
-    }
-    int st = 0;
-    ASSERT_EQ(waitpid(child, &st, 0), child);
-    ASSERT_TRUE(WIFSIGNALED(st));
+        return false;
+    });
+    ASSERT_EQ(kt4test::wait_child(child), -1) << "killed";
     const int dead = kt4EvtGetEvKeyFromPid(static_cast<int>(child));
     ASSERT_NE(dead, -1) << "held until the next open";
     const int again = kt4EvtOpenlog(155, 0);
@@ -129,21 +103,12 @@ TEST(EvtRegistry, SeverityMasksKeepLevelsZeroToTwoOn) {
         EXPECT_EQ(kt4EvtCheckSeverityLevel(k, level), level <= 2 ? 1 : 0) << level;
     EXPECT_EQ(kt4EvtTurnOnSeverityLevel(k, 35), 0); // bit 35 & 31
     EXPECT_EQ(kt4EvtCheckSeverityLevel(k, 3), 1);
-
-    // A level whose bit is clear sends nothing.
-    server.drain();
-    char text[] = "not sent";
-    EXPECT_EQ(kt4EvtLogMsg(k, 5, 1, 1, nullptr, text), -1);
-    EXPECT_TRUE(server.recv(200).empty());
-
-    EXPECT_EQ(kt4EvtSetSeverityLevelForService(155, 0x100), 0);
-    EXPECT_EQ(kt4EvtSetSeverityLevelForService(999, 0), 0);
+    EXPECT_EQ(kt4EvtSetSeverityLevelForService(155, 0x100), 0); // every key of the service
     for (int key : {k, other}) {
         EXPECT_EQ(kt4EvtCheckSeverityLevel(key, 8), 1);
         EXPECT_EQ(kt4EvtCheckSeverityLevel(key, 3), 0);
         EXPECT_EQ(kt4EvtCheckSeverityLevel(key, 2), 1);
     }
-    EXPECT_EQ(kt4EvtRegisterSvce(k, 77), 0);
     EXPECT_EQ(kt4EvtCloselog(other), 0);
     EXPECT_EQ(kt4EvtSetSeverityLevel(other, 0x7F), -1) << "closed key";
     EXPECT_EQ(kt4EvtCloselog(k), 0);

@@ -89,29 +89,6 @@ inline Bytes audit(uint32_t code, const std::string &user, const std::string &so
     return m;
 }
 
-inline Bytes notify(const std::string &name, uint32_t w1, uint32_t w2, uint16_t field, bool block,
-                    Triple src = {}, Triple dst = {}) {
-    Bytes m = header(KT4_EVT_MSG_TYPE_NOTIFY, KT4_EVT_NOTIFY_LEN, 0, src, dst);
-    put_str(m, KT4_EVT_NOTIFY_NAME, name);
-    kt4::store_be32(&m[KT4_EVT_NOTIFY_WORD1], w1);
-    kt4::store_be32(&m[KT4_EVT_NOTIFY_WORD2], w2);
-    kt4::store_be16(&m[KT4_EVT_NOTIFY_FIELD], field);
-    kt4::store_be16(&m[KT4_EVT_NOTIFY_FLAGS], block ? 1 : 0);
-    return m;
-}
-
-inline Bytes subscription(bool subscribe, uint32_t evKey, uint32_t facility, uint32_t error,
-                          Triple src = {}, Triple dst = {}) {
-    Bytes m = header(subscribe ? KT4_EVT_MSG_TYPE_SUBSCRIBE : KT4_EVT_MSG_TYPE_UNSUBSCRIBE,
-                     KT4_EVT_SUB_LEN, 0, src, dst);
-    kt4::store_be32(&m[KT4_EVT_SUB_EVKEY], evKey);
-    kt4::store_be32(&m[KT4_EVT_SUB_FACILITY], facility);
-    kt4::store_be32(&m[KT4_EVT_SUB_ERROR], error);
-    kt4::store_be32(&m[KT4_EVT_SUB_QID], 0x6401);
-    kt4::store_be32(&m[KT4_EVT_SUB_PID], 99);
-    return m;
-}
-
 // A text of n characters that shows where each chunk begins.
 inline std::string text_of(size_t n) {
     std::string t;

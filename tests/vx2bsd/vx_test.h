@@ -51,10 +51,7 @@ class Steps {
         std::lock_guard<std::mutex> g(m_);
         v_.clear();
     }
-    size_t size() const {
-        std::lock_guard<std::mutex> g(m_);
-        return v_.size();
-    }
+    size_t size() const { return get().size(); }
     bool wait_size(size_t n, int ms = 3000) const {
         return eventually([&] { return size() >= n; }, ms);
     }
@@ -80,6 +77,14 @@ inline bool gone(int tid) {
 }
 inline bool pended(int tid) {
     return taskIdVerify(tid) == OK && !taskIsReady(tid);
+}
+
+// Spawns a task running f and waits until it blocks (a failure of the test when it does not).
+inline int spawn_pended(const char *name, int priority, std::function<void()> f) {
+    int id = spawn(name, priority, std::move(f));
+    if (!eventually([id] { return pended(id); }))
+        ADD_FAILURE() << "task " << id << " never blocked";
+    return id;
 }
 
 inline int task_count() {
