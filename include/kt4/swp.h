@@ -52,9 +52,9 @@
  * it and resends the head message.
  * An acknowledgement or negative acknowledgement that is not the queue's own is dropped with
  * status 5: one echoing a send time stamp (non-zero) from before the queue was created, or
- * naming as next expected a number the queue has not sent. Such are the late acknowledgements of an earlier
- * queue that had the same handle (removed, or its process died and the block was taken back);
- * taken, they would dequeue messages the receiver never had.
+ * naming as next expected a number the queue has not sent. Such are the late acknowledgements
+ * of an earlier queue that had the same handle (removed, or its process died and the block was
+ * taken back); taken, they would dequeue messages the receiver never had.
  *
  * Timer events (sender -> itself), KT4_SWP_TMR_LEN bytes: IPC header (type KT4_SWP_MT_TIMER)
  * then 60 handle, 64/68 the head sequence number when the timer was started. The vx2bsd
